@@ -1,0 +1,216 @@
+// Chained hash table with prime bucket counts: vorn::hsh::Hashtable, its key
+// extractors and the hash functors.
+#ifndef VORN_SUPPORT_HASHTABLE_HPP
+#define VORN_SUPPORT_HASHTABLE_HPP
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "vorn/support/memory_pool.hpp"
+
+namespace vorn {
+namespace hsh {
+
+namespace {
+// Bucket counts, ascending. Keys here are ids, symbol ids and node addresses: they
+// come in regular strides (ids count up by one, addresses by 32). A prime modulus
+// shares no factor with such a stride, so consecutive keys spread over all buckets;
+// the hash functors can therefore stay trivial (identity, address, shift-and-add).
+// Each entry is roughly twice the one before it.
+constexpr std::uint64_t primes[28] = {
+    31ul,        73ul,        151ul,        313ul,        643ul,        1291ul,       2593ul,
+    5233ul,      10501ul,     21013ul,      42073ul,      84181ul,      168451ul,     337219ul,
+    674701ul,    1349473ul,   2699299ul,    5398891ul,    10798093ul,   21596719ul,   43193641ul,
+    86387383ul,  172775299ul, 345550609ul,  691101253ul,  1382202559ul, 2764405229ul, 4294867387ul};
+}  // namespace
+
+/// Hash functors. The table reduces every hash modulo a prime, so none of them mixes.
+template <class T>
+struct hash;
+
+/// h = 5h + c over the bytes before the NUL, each byte taken as a signed char
+/// (bytes 0x80..0xFF add a negative amount), modulo 2^64. The empty string hashes to 0.
+template <>
+struct hash<char*> {
+  std::uint64_t operator()(const char* s) const noexcept {
+    std::uint64_t h = 0;
+    for (; *s != '\0'; ++s) {
+      h = 5 * h + static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<signed char>(*s)));
+    }
+    return h;
+  }
+};
+
+/// The number itself.
+template <>
+struct hash<unsigned long> {
+  std::uint64_t operator()(unsigned long v) const noexcept { return v; }
+};
+
+/// Gives the element itself as its key.
+template <class T>
+struct GetKey_identity {
+  const T& operator()(const T& v) const noexcept { return v; }
+};
+
+/// Gives the `first` of a pair as its key.
+template <class K, class M>
+struct GetKey_pair {
+  const K& operator()(const std::pair<K, M>& v) const noexcept { return v.first; }
+};
+
+/// A set of `Value`s found by the key `GetKey` extracts, in singly linked chains
+/// hanging from a bucket array.
+///
+/// Ownership: chain nodes come from the table's own pool (first chunk 16 slots,
+/// doubling up to 8192); elements are copied in and never destroyed, so whatever an
+/// element points to stays its owner's business.
+///
+/// Growth: at the start of every `insert`, when count / bucket_count (in single
+/// precision) exceeds 0.7, the table grows to the next entry of `primes`, also when
+/// the key then turns out to be present. It never shrinks, and single elements are
+/// never removed: the table empties only all at once (`clear`).
+///
+/// `Eq` is always called with the stored key first. Not thread-safe.
+template <class Value, class GetKey, class Key, class Hash, class Eq>
+class Hashtable {
+ public:
+  /// Chain node. No cached hash: growth hashes every key again.
+  struct Bucket {
+    Bucket* next;
+    Value item;
+  };
+
+  /// A position: a node and where it was found. The end position has a null node and
+  /// bucket_index == bucket_count. Positions compare by node.
+  struct iterator {
+    std::vector<Bucket*>* table_buckets;
+    std::uint64_t bucket_count;  // as when the position was made
+    std::uint64_t bucket_index;
+    Bucket* node;
+
+    /// From a bucket index and a null node, moves on to the first node of the next
+    /// non-empty bucket after that index, or becomes the end position.
+    iterator(std::vector<Bucket*>* buckets, std::uint64_t count, std::uint64_t index,
+             Bucket* n) noexcept
+        : table_buckets(buckets), bucket_count(count), bucket_index(index), node(n) {
+      if (node != nullptr) return;
+      while (++bucket_index < bucket_count) {
+        node = (*table_buckets)[bucket_index];
+        if (node != nullptr) return;
+      }
+      bucket_index = bucket_count;
+    }
+
+    Value& operator*() const noexcept { return node->item; }
+    Value* operator->() const noexcept { return &node->item; }
+    bool operator==(const iterator& o) const noexcept { return node == o.node; }
+    bool operator!=(const iterator& o) const noexcept { return node != o.node; }
+  };
+
+  /// 31 empty buckets, count 0, a pool that holds no memory yet.
+  Hashtable() : buckets(primes[0], nullptr) {}
+
+  Hashtable(const Hashtable&) = delete;
+  Hashtable& operator=(const Hashtable&) = delete;
+
+  // Destruction frees the bucket array and then the pool's chunks. Chain nodes are
+  // not handed back to the pool one by one first: the pool frees them all at once,
+  // and nothing can observe the difference.
+  ~Hashtable() = default;
+
+  /// The element whose key equals `key`, or end(). An empty table answers without hashing.
+  iterator find(const Key& key) {
+    if (count == 0) return end();
+    const std::uint64_t index = bucket_of(Hash()(key));
+    for (Bucket* b = buckets[index]; b != nullptr; b = b->next) {
+      if (Eq()(GetKey()(b->item), key)) return iterator(&buckets, buckets.size(), index, b);
+    }
+    return end();
+  }
+
+  /// Inserts `v` unless an element with an equal key is stored: (new position, true)
+  /// or (existing position, false). Grows first when the load exceeds 0.7.
+  /// On `std::bad_alloc` the table is as before, but for a growth already completed.
+  std::pair<iterator, bool> insert(const Value& v) {
+    grow_if_loaded();
+    const Key& key = GetKey()(v);
+    const std::uint64_t index = bucket_of(Hash()(key));
+    for (Bucket* b = buckets[index]; b != nullptr; b = b->next) {
+      if (Eq()(GetKey()(b->item), key)) return {iterator(&buckets, buckets.size(), index, b), false};
+    }
+    return {link_new(index, v), true};
+  }
+
+  /// Grows to the first prime not below `n` (the largest prime if none is), unless the
+  /// table already has `n` buckets or more. Nodes are relinked, not copied. When the new
+  /// bucket array cannot be allocated, `std::bad_alloc` leaves the table unchanged.
+  void rehash(std::size_t n) {
+    if (buckets.size() >= n) return;
+    const std::uint64_t* p = std::lower_bound(std::begin(primes), std::end(primes),
+                                              static_cast<std::uint64_t>(n));
+    if (p == std::end(primes)) --p;
+    std::vector<Bucket*> old(*p, nullptr);
+    old.swap(buckets);
+    for (Bucket* head : old) {
+      while (head != nullptr) {
+        Bucket* next = head->next;
+        Bucket*& chain = buckets[bucket_of(Hash()(GetKey()(head->item)))];
+        head->next = chain;
+        chain = head;
+        head = next;
+      }
+    }
+  }
+
+  /// Removes every element: each chain, head to tail and bucket by bucket, goes back to
+  /// the pool (so later inserts reuse those nodes). The bucket count stays.
+  void clear() noexcept {
+    if (count != 0) {
+      for (Bucket*& head : buckets) {
+        while (head != nullptr) {
+          Bucket* next = head->next;
+          pool.deallocate(head);
+          head = next;
+        }
+      }
+    }
+    count = 0;
+  }
+
+  iterator end() noexcept { return iterator(&buckets, buckets.size(), buckets.size(), nullptr); }
+
+  /// Number of elements stored.
+  std::size_t size() const noexcept { return count; }
+  /// Number of buckets: always an entry of `primes`.
+  std::size_t bucket_count() const noexcept { return buckets.size(); }
+
+ private:
+  std::uint64_t bucket_of(std::uint64_t h) const noexcept { return h % buckets.size(); }
+
+  void grow_if_loaded() {
+    if (static_cast<double>(static_cast<float>(count) / static_cast<float>(buckets.size())) > 0.7) {
+      rehash(buckets.size() + 1);
+    }
+  }
+
+  iterator link_new(std::uint64_t index, const Value& v) {
+    Bucket* b = pool.alloc(Bucket{nullptr, v});
+    b->next = buckets[index];
+    buckets[index] = b;
+    ++count;
+    return iterator(&buckets, buckets.size(), index, b);
+  }
+
+  ObjectPool<Bucket, false> pool{16, 2.0f, 8192};  // source of every chain node
+  std::vector<Bucket*> buckets;  // chain heads; size() is always an entry of primes
+  std::uint64_t count = 0;       // elements stored == nodes in all chains
+};
+
+}  // namespace hsh
+}  // namespace vorn
+
+#endif  // VORN_SUPPORT_HASHTABLE_HPP

@@ -1,0 +1,175 @@
+// Fixed-size slot pools: MemoryPool<Size, false> and ObjectPool<T, false>.
+#ifndef VORN_SUPPORT_MEMORY_POOL_HPP
+#define VORN_SUPPORT_MEMORY_POOL_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VORN_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VORN_ASAN 1
+#endif
+#endif
+
+#ifdef VORN_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
+namespace vorn {
+
+namespace detail {
+
+// A free slot's first word is its free-list link; AddressSanitizer builds poison
+// the rest of the slot so that a use after release is reported.
+inline void poison_free_slot(void* slot, std::size_t size) noexcept {
+#ifdef VORN_ASAN
+  ASAN_POISON_MEMORY_REGION(static_cast<char*>(slot) + sizeof(void*), size - sizeof(void*));
+#else
+  (void)slot;
+  (void)size;
+#endif
+}
+
+inline void unpoison_slot(void* slot, std::size_t size) noexcept {
+#ifdef VORN_ASAN
+  ASAN_UNPOISON_MEMORY_REGION(slot, size);
+#else
+  (void)slot;
+  (void)size;
+#endif
+}
+
+}  // namespace detail
+
+/// A pool of fixed-size slots of `Size` bytes, carved out of chunks taken from `malloc`.
+///
+/// Ownership: the pool owns its chunks and frees them all, with `free`, when it is
+/// destroyed; it never runs a destructor on what a slot holds, and never gives a
+/// chunk back earlier. Whoever owns the pool makes sure nothing uses its slots after.
+///
+/// Hand-out order: a new chunk's slots go out in ascending address order; a slot given
+/// back is the next one handed out (the free list is last in, first out).
+///
+/// Chunk sizes: the first chunk holds `first_chunk_slots` slots; after each chunk the
+/// count is multiplied by `growth_factor` in single precision and truncated, then
+/// capped at `max_chunk_slots` (0 means no cap). A chunk is one `malloc` of
+/// 8 + slots * Size bytes: the link to the previous chunk, then the slots.
+///
+/// Not thread-safe; it belongs to one owner.
+///
+/// The second parameter selects a checked variant that the library does not provide;
+/// only `false` is defined.
+template <std::size_t Size, bool Checked = false>
+class MemoryPool;
+
+template <std::size_t Size>
+class MemoryPool<Size, false> {
+  static_assert(Size >= sizeof(void*), "a free slot must hold the free-list link");
+
+ public:
+  static constexpr std::size_t slot_size = Size;
+
+  /// Takes no memory yet. Requires `first_chunk_slots` >= 1 and `growth_factor` >= 1.
+  MemoryPool(std::uint64_t first_chunk_slots, float growth_factor,
+             std::uint64_t max_chunk_slots) noexcept
+      : chunk_slots(first_chunk_slots),
+        growth_factor(growth_factor),
+        max_chunk_slots(max_chunk_slots) {}
+
+  MemoryPool(const MemoryPool&) = delete;
+  MemoryPool& operator=(const MemoryPool&) = delete;
+
+  /// Frees every chunk, newest first; runs no destructor on any slot.
+  ~MemoryPool() {
+    while (chunk_list != nullptr) {
+      void* previous = *static_cast<void**>(chunk_list);
+      std::free(chunk_list);
+      chunk_list = previous;
+    }
+  }
+
+  /// One slot of `Size` uninitialised bytes; never null. Throws `std::bad_alloc`
+  /// (and leaves the pool unchanged) when a new chunk cannot be had.
+  void* allocate() {
+    if (free_list == nullptr) take_chunk();
+    void* slot = free_list;
+    detail::unpoison_slot(slot, Size);
+    free_list = *static_cast<void**>(slot);
+    return slot;
+  }
+
+  /// Gives back a slot this pool handed out; it becomes the next one handed out.
+  /// Runs no destructor.
+  void deallocate(void* slot) noexcept {
+    *static_cast<void**>(slot) = free_list;
+    free_list = slot;
+    detail::poison_free_slot(slot, Size);
+  }
+
+  /// True when the next `allocate()` is served without taking a chunk.
+  bool has_free_slot() const noexcept { return free_list != nullptr; }
+
+ private:
+  // The single place that calls malloc; kept out of line so that allocate() stays small.
+  __attribute__((noinline)) void take_chunk() {
+    const std::uint64_t n = chunk_slots;
+    void* chunk = std::malloc(sizeof(void*) + n * Size);
+    if (chunk == nullptr) throw std::bad_alloc();
+    *static_cast<void**>(chunk) = chunk_list;
+    chunk_list = chunk;
+
+    auto next = static_cast<std::uint64_t>(static_cast<float>(n) * growth_factor);
+    if (max_chunk_slots != 0 && max_chunk_slots < next) next = max_chunk_slots;
+    chunk_slots = next;
+
+    char* first = static_cast<char*>(chunk) + sizeof(void*);
+    char* last = first + (n - 1) * Size;
+    for (char* slot = first; slot != last; slot += Size) {
+      *reinterpret_cast<void**>(slot) = slot + Size;
+      detail::poison_free_slot(slot, Size);
+    }
+    *reinterpret_cast<void**>(last) = nullptr;
+    detail::poison_free_slot(last, Size);
+    free_list = first;
+  }
+
+  std::uint64_t chunk_slots;      // slots in the next chunk taken
+  float growth_factor;            // applied to chunk_slots after each chunk
+  std::uint64_t max_chunk_slots;  // cap on chunk_slots; 0 = none
+  void* chunk_list = nullptr;     // newest chunk; each chunk's first word links to the older one
+  void* free_list = nullptr;      // first free slot; each free slot's first word links to the next
+};
+
+/// A MemoryPool whose slots hold one `T` each, with `alloc` to construct one in place.
+template <class T, bool Checked = false>
+class ObjectPool;
+
+template <class T>
+class ObjectPool<T, false> : public MemoryPool<(sizeof(T) < sizeof(void*) ? sizeof(void*) : sizeof(T)), false> {
+  using Base = MemoryPool<(sizeof(T) < sizeof(void*) ? sizeof(void*) : sizeof(T)), false>;
+  static_assert(alignof(T) <= alignof(void*), "slots are aligned to a pointer only");
+
+ public:
+  using Base::Base;
+
+  /// Takes a slot as `allocate()` does and constructs a `T` from `arg` in it.
+  template <class A>
+  T* alloc(A arg) {
+    void* slot = this->allocate();
+    try {
+      return ::new (slot) T(std::move(arg));
+    } catch (...) {
+      this->deallocate(slot);
+      throw;
+    }
+  }
+};
+
+}  // namespace vorn
+
+#endif  // VORN_SUPPORT_MEMORY_POOL_HPP
