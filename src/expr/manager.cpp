@@ -43,7 +43,10 @@ void SexpManager::free_names() noexcept {
 }
 
 unsigned long SexpManager::make_symbol(const char* name) {
-  auto known = symbol_table.find(name);
+  // The name is hashed once and serves both the look-up and the insertion.
+  const std::uint64_t h = hsh::hash<char*>()(name);
+  auto known = symbol_table.find_hashed(
+      h, [name](const std::pair<const char*, unsigned long>& e) { return CStr_eq()(e.first, name); });
   if (known != symbol_table.end()) return known->second;
 
   const std::size_t len = std::strlen(name);
@@ -61,7 +64,7 @@ unsigned long SexpManager::make_symbol(const char* name) {
   }
   // If this throws, the name keeps its slot in symbol_names (freed with the manager)
   // but is not in the table, so interning it again gives a new id.
-  symbol_table.insert({copy, id});
+  symbol_table.insert_absent(h, {copy, id});
   return id;
 }
 
@@ -83,16 +86,52 @@ Sexp& SexpManager::strhash(Sexp& s) {
   return s;
 }
 
+// sh_cons and sh_sym have the effects of "make the node as cons/sym would, then
+// strhash it", with fewer steps: the shape is looked up before any node exists, so a
+// hit makes no node and moves no count but the result's. Every observable effect is
+// the same: a hit still needs a slot (a full pool takes its next chunk, as the
+// discarded node would have made it do) and a usable id (exhausted ids still throw);
+// the free list, the id counter and the children's counts end as the discarded node
+// would have left them; on a miss the node takes the next id and slot, and if entering
+// it in the table fails it keeps one reference (the table's) and stays alive.
+void SexpManager::reserve_node() {
+  if (next_id == 0 && nil_node != nullptr) throw_ids_exhausted();
+  if (!sexp_pool.has_free_slot()) sexp_pool.deallocate(sexp_pool.allocate());
+}
+
+Sexp SexpManager::enter_canonical(Sexp_* fresh, std::uint64_t h) {
+  shared_table.insert_absent(h, fresh);  // on failure `fresh` keeps the table's reference
+  fresh->add_ref();                      // the caller's
+  return Sexp(fresh, Sexp::Adopt{});
+}
+
 Sexp SexpManager::sh_cons(const Sexp& car, const Sexp& cdr) {
-  Sexp made = cons(car, cdr);
-  strhash(made);
-  return made;
+  assert(!car.is_null() && !cdr.is_null() && "sh_cons of a null handle");
+  Sexp_* a = car.get();
+  Sexp_* d = cdr.get();
+  reserve_node();
+  const std::uint64_t h = (static_cast<std::uint64_t>(a->id) << 24) + d->id;
+  auto found = shared_table.find_hashed(h, [a, d](const Sexp_* n) {
+    return n->is_symbol == 0 && n->car->id == a->id && n->cdr->id == d->id;
+  });
+  if (found != shared_table.end()) return Sexp(*found);
+  Sexp_* n = alloc_sexp();
+  n->is_symbol = 0;
+  a->add_ref();
+  n->car = a;
+  d->add_ref();
+  n->cdr = d;
+  return enter_canonical(n, h);
 }
 
 Sexp SexpManager::sh_sym(unsigned long value) {
-  Sexp made = sym(value);
-  strhash(made);
-  return made;
+  reserve_node();
+  auto found = shared_table.find_hashed(
+      value, [value](const Sexp_* n) { return n->is_symbol != 0 && n->value == value; });
+  if (found != shared_table.end()) return Sexp(*found);
+  Sexp_* n = alloc_sexp();
+  n->value = value;
+  return enter_canonical(n, value);
 }
 
 }  // namespace vorn

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <ostream>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -112,6 +113,8 @@ struct Workload {
   int insert_percent_second_half;
   int order;  // 0: random keys, 1: ascending, -1: descending
 };
+
+void PrintTo(const Workload& w, std::ostream* os) { *os << w.name; }
 
 class OrderedMapModel : public testing::TestWithParam<Workload> {
  protected:

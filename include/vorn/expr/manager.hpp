@@ -157,6 +157,11 @@ class SexpManager {
 
   [[noreturn]] static void throw_ids_exhausted();
   void free_names() noexcept;
+  // Fails exactly as alloc_sexp would, without making a node.
+  void reserve_node();
+  // Enters `fresh` (count 1, just made, shape hashing to `h`, absent from the table) as
+  // canonical and returns a handle on it.
+  Sexp enter_canonical(Sexp_* fresh, std::uint64_t h);
 
   // Declaration order is construction order.
   std::uint32_t next_id = 0;          // id of the next node made

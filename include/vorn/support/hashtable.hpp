@@ -145,6 +145,26 @@ class Hashtable {
     return {link_new(index, v), true};
   }
 
+  /// find() for owners that can hash and compare a key they have not built as a `Key`:
+  /// `h` must be the hash `Hash` gives that key, and `matches(item)` must say what
+  /// `Eq` would. Like find(), an empty table answers without looking.
+  template <class Matches>
+  iterator find_hashed(std::uint64_t h, Matches matches) {
+    if (count == 0) return end();
+    const std::uint64_t index = bucket_of(h);
+    for (Bucket* b = buckets[index]; b != nullptr; b = b->next) {
+      if (matches(b->item)) return iterator(&buckets, buckets.size(), index, b);
+    }
+    return end();
+  }
+
+  /// insert() of an element whose key is known to be absent and whose hash is `h`:
+  /// the same growth check, the same chain-head linking, no second walk of the chain.
+  iterator insert_absent(std::uint64_t h, const Value& v) {
+    grow_if_loaded();
+    return link_new(bucket_of(h), v);
+  }
+
   /// Grows to the first prime not below `n` (the largest prime if none is), unless the
   /// table already has `n` buckets or more. Nodes are relinked, not copied. When the new
   /// bucket array cannot be allocated, `std::bad_alloc` leaves the table unchanged.
