@@ -1,5 +1,5 @@
 // Everything public in vorn: pools, hash table, nodes and handles, the manager,
-// printing and the matcher.
+// printing, the matcher, instantiation, and reading and writing text.
 #ifndef VORN_VORN_HPP
 #define VORN_VORN_HPP
 
@@ -9,5 +9,8 @@
 #include "vorn/expr/sexp.hpp"
 #include "vorn/expr/manager.hpp"
 #include "vorn/expr/matcher.hpp"
+#include "vorn/expr/instantiate.hpp"
+#include "vorn/text/parse.hpp"
+#include "vorn/text/write.hpp"
 
 #endif  // VORN_VORN_HPP

@@ -37,7 +37,7 @@ if(MODE STREQUAL "install")
   # Installed with --prefix rather than CMAKE_INSTALL_PREFIX, as packagers do; the package
   # files must not depend on where the install was first meant to go.
   run(${CMAKE_COMMAND} -S ${VORN_SOURCE_DIR} -B ${build} ${generator_args}
-    -DVORN_BUILD_TESTS=OFF -DVORN_BUILD_EXAMPLES=OFF -DVORN_BUILD_BENCHMARKS=OFF
+    -DVORN_BUILD_TESTS=OFF -DVORN_BUILD_EXAMPLES=OFF -DVORN_BUILD_BENCHMARKS=OFF -DVORN_BUILD_TOOLS=OFF
     -DCMAKE_INSTALL_PREFIX=${WORK_DIR}/unused-prefix)
   run(${CMAKE_COMMAND} --build ${build})
   run(${CMAKE_COMMAND} --install ${build} --prefix ${prefix})

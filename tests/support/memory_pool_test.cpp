@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <new>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "support/malloc_probe.hpp"
@@ -13,38 +12,27 @@
 namespace vorn {
 namespace {
 
-using test::MallocProbe;
-
-// A chunk is one malloc: a link word to the older chunk, then its slots in ascending order.
-TEST(MemoryPool, FirstChunkLayout) {
-  MemoryPool<32, false> pool(1024, 1.0f, 0);
-  MallocProbe probe;
-  char* first = static_cast<char*>(pool.allocate());
-  EXPECT_EQ(*reinterpret_cast<void**>(first - 8), nullptr);
-  for (std::size_t i = 1; i < 1024; ++i) ASSERT_EQ(pool.allocate(), first + 32 * i) << i;
-  ASSERT_EQ(probe.calls(), 1u);
-  char* second = static_cast<char*>(pool.allocate());
-  EXPECT_EQ(*reinterpret_cast<void**>(second - 8), first - 8);
-  ASSERT_EQ(probe.calls(), 2u);
-  EXPECT_EQ(probe.size(0), 32776u);
-  EXPECT_EQ(probe.size(1), 32776u);
-}
-
-// Every chunk serves exactly its slot count before the next malloc of 8 + slots * 16 bytes.
-TEST(MemoryPool, ChunksGrowAndCap) {
-  using Chunks = std::vector<std::uint64_t>;
-  const std::tuple<std::uint64_t, float, std::uint64_t, Chunks> cases[] = {
+// A chunk is one malloc of 8 + slots * 16 bytes: a link to the older chunk, then its slots,
+// handed out in ascending order. Each chunk serves exactly its slot count before the next (so
+// the 1025th slot takes a second chunk of 1024); slot counts grow by truncated products.
+TEST(MemoryPool, ChunkLayoutGrowthAndCap) {
+  const std::tuple<std::uint64_t, float, std::uint64_t, std::vector<std::uint64_t>> cases[] = {
       {16, 2.0f, 8192, {16, 32, 64, 128, 256, 512, 1024, 2048, 4096, 8192, 8192, 8192}},
       {16, 2.0f, 10, {16, 10, 10, 10}},
-      {1, 1.0f, 0, {1, 1, 1, 1}}};
-  for (const auto& [first, factor, bound, chunks] : cases) {
-    SCOPED_TRACE(testing::Message() << "first " << first << " bound " << bound);
-    MemoryPool<16, false> pool(first, factor, bound);
-    MallocProbe probe;
+      {3, 1.5f, 0, {3, 4, 6, 9, 13}},
+      {1024, 1.0f, 0, {1024, 1024}},
+      {1, 1.0f, 0, {1, 1, 1}}};
+  for (const auto& [first, factor, cap, chunks] : cases) {
+    MemoryPool<16, false> pool(first, factor, cap);
+    test::MallocProbe probe;
+    char* older = nullptr;
     for (std::size_t i = 0; i < chunks.size(); ++i) {
-      for (std::uint64_t j = 0; j < chunks[i]; ++j) pool.allocate();
-      ASSERT_EQ(probe.calls(), i + 1) << "chunk " << i;
-      EXPECT_EQ(probe.size(i), 8 + chunks[i] * 16) << "chunk " << i;
+      SCOPED_TRACE(testing::Message() << "first " << first << " cap " << cap << " chunk " << i);
+      char* start = static_cast<char*>(pool.allocate());
+      ASSERT_EQ(std::make_tuple(probe.calls(), probe.size(i), *reinterpret_cast<char**>(start - 8)),
+                std::make_tuple(i + 1, 8 + chunks[i] * 16, older));
+      for (std::uint64_t j = 1; j < chunks[i]; ++j) ASSERT_EQ(pool.allocate(), start + 16 * j);
+      older = start - 8;
     }
   }
 }
@@ -55,40 +43,23 @@ TEST(MemoryPool, FreeListIsLastInFirstOut) {
   void* b = pool.allocate();
   pool.deallocate(a);
   pool.deallocate(b);
-  EXPECT_EQ(pool.allocate(), b);
-  EXPECT_EQ(pool.allocate(), a);
+  EXPECT_EQ((std::vector<void*>{pool.allocate(), pool.allocate()}), (std::vector<void*>{b, a}));
 }
 
 // A failed malloc leaves the pool as it was: the retry asks for the same chunk, and the
 // chunk taken before is still freed at destruction (LeakSanitizer checks that).
 TEST(MemoryPool, MallocFailureLeavesPoolUnchanged) {
-  const std::pair<int, std::size_t> cases[] = {{0, 8 + 16 * 16}, {16, 8 + 32 * 16}};
-  for (const auto& [in_use, bytes] : cases) {
+  using Case = std::pair<int, std::size_t>;  // slots in use, bytes of the chunk asked for
+  for (const auto& [in_use, bytes] : {Case{0, 8 + 16 * 16}, Case{16, 8 + 32 * 16}}) {
     MemoryPool<16, false> pool(16, 2.0f, 8192);
     for (int i = 0; i < in_use; ++i) pool.allocate();
-    MallocProbe probe;
+    test::MallocProbe probe;
     probe.fail_next(1);
     EXPECT_THROW(pool.allocate(), std::bad_alloc);
     EXPECT_NE(pool.allocate(), nullptr);
-    ASSERT_EQ(probe.calls(), 2u);
-    EXPECT_EQ(probe.size(0), bytes) << in_use;
-    EXPECT_EQ(probe.size(1), bytes) << in_use;
+    EXPECT_EQ(std::make_tuple(probe.calls(), probe.size(0), probe.size(1)),
+              std::make_tuple(std::size_t{2}, bytes, bytes));
   }
-}
-
-// alloc takes a slot as allocate() does and builds the object from its argument.
-TEST(ObjectPool, AllocConstructsFromArgument) {
-  using Entry = std::pair<const char*, unsigned long>;
-  static const char kName[] = "x";
-  ObjectPool<Entry, false> pool(2, 1.0f, 0);
-  MallocProbe probe;
-  Entry* e = pool.alloc(std::make_pair(kName, 7));  // a pair<const char*, int> converts
-  EXPECT_EQ(probe.size(0), 8 + 2 * sizeof(Entry));
-  EXPECT_EQ(e->first, kName);
-  EXPECT_EQ(e->second, 7u);
-  pool.deallocate(e);
-  EXPECT_EQ(pool.alloc(Entry(kName, 8)), e);
-  EXPECT_EQ(probe.calls(), 1u);
 }
 
 }  // namespace

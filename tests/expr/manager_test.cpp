@@ -1,0 +1,134 @@
+#include "vorn/expr/manager.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <new>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "support/internals.hpp"
+#include "support/malloc_probe.hpp"
+
+namespace vorn {
+namespace {
+
+using Internals = detail::SexpManagerInternals;
+using Words = std::vector<std::uint64_t>;
+
+template <class... Handles>
+Words CountsOf(const Handles&... h) {
+  return {h.get()->refcount...};
+}
+
+TEST(SexpManager, NilAndPlainNodes) {
+  SexpManager m;
+  const Sexp nil = m.nil(), a = m.sym(7), b = m.sym(7);
+  EXPECT_EQ((Words{nil.id(), nil.value(), a.id(), b.id(), b.value()}), (Words{0, 0, 1, 2, 7}));
+  EXPECT_EQ(CountsOf(a, m.cons(a, a)), (Words{3, 1}));
+  Sexp_* const raw = m.alloc_sexp();  // id 4: the dead cons took 3
+  EXPECT_EQ((Words{raw->id, raw->refcount, raw->is_symbol, raw->value}), (Words{4, 1, 1, 0}));
+  m.free_sexp(raw);
+  EXPECT_EQ(m.sym(1).get(), raw);  // a dropped node's slot comes next
+}
+
+TEST(SexpManager, PoolFailureAtThe1025thNodeChangesNothing) {
+  SexpManager m;
+  std::vector<Sexp> held;
+  for (unsigned long i = 1; i < 1023; ++i) held.push_back(m.sym(i));
+  test::MallocProbe probe;
+  probe.fail_next(1);
+  held.push_back(m.sym(1023));  // the 1024th node (nil was the first) fits the first chunk
+  EXPECT_THROW(m.cons(held[0], held[1]), std::bad_alloc);
+  EXPECT_EQ(CountsOf(held[0], held[1]), (Words{1, 1}));
+  EXPECT_EQ(m.cons(held[0], held[1]).id(), 1024u);
+}
+
+TEST(SexpManager, IdExhaustionThrowsAndChangesNothing) {
+  SexpManager m;
+  const Sexp a = m.sh_sym(1), b = m.sh_sym(2);
+  std::uint32_t& next_id = Internals::next_id(m);
+  next_id = 0xFFFFFFFFu;
+  Sexp_* const slot = m.sym(4).get();  // takes the last id; its slot is the next handed out
+  const auto exhausted = ::testing::Throws<std::bad_alloc>(
+      ::testing::Property(&std::exception::what, ::testing::HasSubstr("ids exhausted")));
+  EXPECT_THAT([&] { return m.sym(42); }, exhausted);
+  EXPECT_THAT([&] { return m.cons(a, b); }, exhausted);
+  EXPECT_THAT([&] { return m.sh_sym(42); }, exhausted);
+  EXPECT_THAT([&] { return m.sh_cons(a, b); }, exhausted);
+  EXPECT_EQ((Words{next_id, Internals::shared_size(m), a.get()->refcount}), (Words{0, 3, 2}));
+  next_id = 100;
+  EXPECT_EQ(m.sym(5).get(), slot);
+}
+
+TEST(SexpManagerSymbols, InterningGrowthAndFailure) {
+  SexpManager m;
+  char abc[] = "abc";  // a caller's buffer
+  const char* const names[] = {"", "f", "abc", "ABC", "F", nullptr};
+  // "abc" and "ABC" fall in one bucket of 31, so only the bytes tell them apart.
+  for (unsigned long id = 0; id < 5; ++id) EXPECT_EQ(m.make_symbol(id == 2 ? abc : names[id]), id);
+  abc[0] = 'x';  // the manager keeps its own copy, and finds it by content
+  EXPECT_EQ(m.make_symbol("abc"), 2u);
+  for (unsigned long id = 0; id < 6; ++id) EXPECT_STREQ(m.get_symbol_value(id), names[id]) << id;
+  // The 23rd name grows the table from 31 buckets to 73; the second pass finds every name.
+  for (int pass = 0; pass < 2; ++pass) {
+    for (unsigned long id = 5; id <= 22; ++id) {
+      EXPECT_EQ(m.make_symbol(("n" + std::to_string(id)).c_str()), id);
+      EXPECT_EQ(Internals::symbol_buckets(m), pass || id == 22 ? 73u : 31u) << id;
+    }
+  }
+  test::MallocProbe probe;
+  probe.fail_next(1);
+  EXPECT_THROW(m.make_symbol("fresh"), std::bad_alloc);
+  EXPECT_EQ(probe.size(0), 6u);  // the copy of the name
+  EXPECT_EQ((Words{Internals::name_count(m), Internals::symbol_size(m)}), (Words{23, 23}));
+}
+
+TEST(SexpManagerSharing, EqualShapesShareOneCanonicalNode) {
+  SexpManager m;
+  EXPECT_EQ(m.sh_sym(0), m.nil());
+  const Sexp plain = m.sym(1), a = m.sh_sym(1);  // plain nodes are never canonical
+  // Counted: the table's hold, a and the hit.
+  EXPECT_EQ(CountsOf(a, m.sh_sym(1)), (Words{3, 3}));
+  const Sexp b = m.sh_sym(2), plain_ab = m.cons(a, b), c = m.sh_cons(a, b);
+  // sh_sym(0) and the hit took no id
+  EXPECT_EQ((Words{plain.id(), a.id(), b.id(), plain_ab.id(), c.id()}), (Words{1, 2, 3, 4, 5}));
+  EXPECT_EQ(CountsOf(c, a, b), (Words{2, 4, 4}));
+  for (bool via_strhash : {false, true}) {  // a hit gives back the new node's slot and id
+    // Dropped at once, so its slot is the next one handed out.
+    Sexp_* const slot = m.sym(0).get();
+    const std::uint32_t id = Internals::next_id(m);
+    Sexp hit = via_strhash ? m.cons(a, b) : m.sh_cons(a, b);
+    EXPECT_EQ(via_strhash ? &m.strhash(hit) : &hit, &hit);
+    EXPECT_EQ(hit, c);
+    EXPECT_EQ(CountsOf(c, a, b), (Words{3, 4, 4}));
+    const Sexp next = m.sym(0);
+    EXPECT_EQ(std::make_pair(next.get(), next.id()), std::make_pair(slot, id));
+  }
+  EXPECT_NE(m.sh_cons(plain, b), c);  // the content of (a . b), another child id
+  // c becomes (b . b) but stays filed under the shape (a . b).
+  Sexp(c).setcar(b);
+  EXPECT_NE(m.sh_cons(a, b), c);
+}
+
+TEST(SexpManagerSharing, StrhashEqReadsKindValuesAndChildIds) {
+  Sexp_ kid[5], sym[3], cell[4];  // unmanaged symbols of value 0; cells die first
+  const int links[] = {0, 1, 2, 3, 1, 0, 4, 4};
+  for (int i = 0; i < 5; ++i) kid[i].id = i < 4 ? i % 2 + 1 : 0xFFFFFFFFu;
+  for (int i = 0; i < 4; ++i)
+    cell[i].is_symbol = 0, cell[i].car = &kid[links[2 * i]], cell[i].cdr = &kid[links[2 * i + 1]];
+  sym[0].value = 5, sym[1].value = 0x100000005, sym[2].value = 16777218;
+  const SexpManager::Sexp_strhash_eq f;
+  EXPECT_EQ((Words{f(nullptr), f(&sym[1]), f(&cell[0]), f(&cell[3])}),
+            (Words{0, 0x100000005, 16777218, 0x1000000FEFFFFFF}));
+  const std::tuple<const Sexp_*, const Sexp_*, bool> pairs[] = {
+      {nullptr, &kid[0], false},  {&kid[0], &kid[1], true},    {&sym[0], &sym[1], false},
+      {&cell[0], &cell[1], true}, {&cell[0], &cell[2], false}, {&cell[0], &sym[2], false}};
+  for (const auto& [x, y, equal] : pairs) EXPECT_EQ(f(x, y), equal) << x << " " << y;
+}
+
+}  // namespace
+}  // namespace vorn

@@ -1,0 +1,95 @@
+#include "vorn/expr/sexp.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "support/malloc_probe.hpp"
+#include "support/small_stack.hpp"
+#include "vorn/expr/manager.hpp"
+
+namespace vorn {
+namespace {
+
+using Counts = std::vector<std::uint32_t>;
+using Slots = std::vector<Sexp_*>;
+
+template <class... Handles>
+Counts CountsOf(const Handles&... h) {
+  return {h.get()->refcount...};
+}
+
+TEST(SexpNode, CountWrapsModulo2To31BesideTheKindBit) {
+  Sexp_ n;  // an unmanaged symbol of count 1: reaching 0 reclaims nothing
+  n.release();
+  n.release();
+  std::uint32_t word;  // the word after the id: count in bits 0-30, kind in bit 31
+  std::memcpy(&word, reinterpret_cast<const char*>(&n) + 4, sizeof word);
+  n.add_ref();
+  EXPECT_EQ((Counts{word, n.refcount, n.is_symbol}), (Counts{0xFFFFFFFFu, 0, 1}));
+}
+
+TEST(SexpHandle, CopyAndAssignCountAndSelfAssignKeepsTheNode) {
+  SexpManager m;
+  Sexp s = m.sym(5), copy = s;
+  s = copy;  // between two holders of one node
+  EXPECT_EQ(CountsOf(s), Counts{2});
+  copy = Sexp();
+  Sexp& self = s;
+  s = self;  // the only holder, assigned to itself
+  EXPECT_EQ(CountsOf(s), Counts{1});
+  EXPECT_NE(m.sym(6).get(), s.get());
+}
+
+TEST(SexpHandle, SetcarKeepsOrReleasesTheOldCar) {
+  SexpManager m;
+  const Sexp leaf = m.sym(1), x = m.sym(2);
+  Sexp old = m.cons(leaf, m.nil()), c = m.cons(old, leaf);
+  c.setcar(old);  // the same car again
+  EXPECT_EQ(CountsOf(old, leaf, c), (Counts{2, 3, 1}));
+  Sexp_* const freed = old.get();
+  old = Sexp();
+  c.setcar(x);  // the old car dies, and its reference on leaf with it
+  EXPECT_EQ(CountsOf(x, leaf), (Counts{2, 2}));
+  EXPECT_EQ(m.sym(0).get(), freed);
+}
+
+TEST(SexpHandle, DyingTreesReturnSlotsInPostOrder) {
+  SexpManager m;
+  const Sexp kept = m.sym(99);  // also held outside the trees, so it survives
+  // Postfix: x a new symbol, k kept, '.' a cons of the two before. "xx." is one cons.
+  for (const char* rpn : {"xx.", "xk.k.xxxkxx...xxkx.x.xkxx.x..x...xx........"}) {
+    std::vector<Sexp> st;
+    Slots made, reused;  // made: the nodes that die, car subtree then cdr subtree then node
+    for (const char* p = rpn; *p != '\0'; ++p) {
+      st.push_back(*p == '.' ? m.cons(st.end()[-2], st.back()) : *p == 'k' ? kept : m.sym(0));
+      if (*p == '.') st.erase(st.end() - 3, st.end() - 1);
+      if (*p != 'k') made.push_back(st.back().get());
+    }
+    st.clear();  // drops the root, the only node still held
+    for (std::size_t i = 0; i < made.size(); ++i) reused.push_back(st.emplace_back(m.sym(0)).get());
+    EXPECT_EQ(reused, Slots(made.rbegin(), made.rend())) << rpn;
+  }
+  EXPECT_EQ(CountsOf(kept), Counts{1});
+}
+
+TEST(SexpHandle, DeepStructuresReleaseOnASmallStack) {
+  test::run_on_small_stack([] {
+    SexpManager m;
+    const Sexp nil = m.nil();
+    Sexp list = nil, chain = nil;
+    for (int i = 0; i < 10'000'000; ++i) list = m.cons(nil, list);
+    list = Sexp();
+    test::MallocProbe probe;  // the car chain fits in the list's freed slots
+    for (int i = 0; i < 1'000'000; ++i) chain = m.cons(chain, nil);
+    EXPECT_EQ(probe.calls(), 0u);
+    Sexp_* const root = chain.get();
+    chain = Sexp();
+    EXPECT_EQ(m.sym(7).get(), root);
+  });
+}
+
+}  // namespace
+}  // namespace vorn

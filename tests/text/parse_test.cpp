@@ -1,0 +1,82 @@
+#include "vorn/text/parse.hpp"
+
+#include <gmock/gmock.h>
+
+#include "support/internals.hpp"
+#include "support/small_stack.hpp"
+#include "vorn/expr/instantiate.hpp"
+#include "vorn/text/write.hpp"
+
+namespace vorn {
+namespace {
+
+using I = detail::SexpManagerInternals;
+
+Sexp S(SexpManager& m, const char* name) { return m.sh_sym(m.make_symbol(name)); }
+
+// what(), provided it is "LINE:COLUMN: MESSAGE" made from the error's parts.
+std::string Described(const ParseError& e) {
+  const auto s = std::to_string(e.line()) + ':' + std::to_string(e.column()) + ": " + e.message();
+  return s == e.what() ? s : s + " but what() is " + e.what();
+}
+
+TEST(Parse, ErrorsSayWhatAndWhereAndLeaveNoTrace) {
+  // clang-format off
+  const std::pair<std::string_view, std::string> cases[] = {
+      {"(a\n (b)", "2:5: unterminated list opened at 1:1"}, {{"|a\0|", 4}, "1:3: NUL byte in name"},
+      {"|a\nb", "2:2: unterminated |name| opened at 1:1"}, {"(#)", "1:2: invalid number after '#'"},
+      {"|ab\\", "1:5: unterminated |name| opened at 1:1"}, {"(a\n . b c)", "2:2: misplaced '.'"},
+      {"|b\\qc|", "1:3: unknown escape '\\q' in |name|"}, {"#12a", "1:1: invalid number after '#'"},
+      {"|\\\n|", "1:2: unknown escape: '\\' followed by byte 0x0A in |name|"},
+      {"#18446744073709551616", "1:1: invalid number after '#'"}, {"(a . .)", "1:4: misplaced '.'"},
+      {{"(ab\0c)", 6}, "1:4: NUL byte in name"}, {"a b c", "1:3: expected one expression, found 3"},
+      {";\n", "2:1: expected an expression, found end of input"}, {"(a)\n.", "2:1: misplaced '.'"},
+      {")", "1:1: unexpected ')'"}, {"(.)", "1:2: misplaced '.'"}, {"(a .)", "1:4: misplaced '.'"},
+  };
+  // clang-format on
+  SexpManager m;
+  const Sexp a = S(m, "a");
+  // What a failed parse leaves alone; sym(0) takes the next free slot, then gives its id back.
+  const auto state = [&] {
+    return std::vector<std::size_t>{std::size_t(m.sym(0).get()), --I::next_id(m), I::shared_size(m),
+                                    I::name_count(m), a.get()->refcount};
+  };
+  for (const auto& c : cases) {
+    const auto before = state();
+    const auto fails = ::testing::Throws<ParseError>(::testing::ResultOf(Described, c.second));
+    // parse_all takes any count, so a count error is parse's alone.
+    for (const bool all : {false, c.second.find(": exp") == c.second.npos})
+      EXPECT_THAT([&] { all ? parse_all(m, c.first) : std::vector{parse(m, c.first)}; }, fails);
+    EXPECT_EQ(state(), before) << c.first;
+  }
+}
+
+TEST(Parse, GrammarGivesCanonicalNodesAndAllReadsZeroOrMore) {
+  SexpManager m;
+  // clang-format off
+  const std::pair<const char*, const char*> same[] = {  // texts read as one node
+      {"#0", "||"}, {"(a . (b . ()))", "(a b)"}, {"(a b . c)", "(a . (b . c))"}, {"..", "|..|"},
+      {"(f(g)x)", "(f (g) x)"}, {"#007", "#7"}, {"a\\b", "|a\\\\b|"}, {"a.b#", "|a.b#|"},
+      {"(|x|y)", "(x y)"}, {"(\t\r\va;c\n\f)", "(a)"}, {"((a) . b)", " ( ( a ) . b ) "},
+  };
+  // clang-format on
+  for (const auto& [text, other] : same) EXPECT_EQ(parse(m, text), parse(m, other)) << text;
+  EXPECT_TRUE(parse_all(m, " ; nothing\n\t").empty());
+  const Sexp f = m.sh_cons(S(m, "f"), m.sh_cons(S(m, "a b"), m.sh_cons(m.sh_sym(7), S(m, "x"))));
+  const std::vector<Sexp> want{f, m.nil(), S(m, "a|b\\c"), m.sh_sym(~0ul)};
+  EXPECT_EQ(parse_all(m, " ; c\n(f |a b| #7 . x) ; d\n()|a\\|b\\\\c|#18446744073709551615"), want);
+}
+
+TEST(Text, MillionDeepAndMillionLongOnASmallStack) {
+  test::run_on_small_stack([] {
+    SexpManager m;
+    std::string text = std::string(1'000'000, '(') + "a";  // the innermost list a million long
+    for (int i = 1; i < 1'000'000; ++i) text += " a";
+    const Sexp e = parse(m, text += std::string(1'000'000, ')'));
+    EXPECT_TRUE(to_text(e) == text);  // no 2 MB diff on failure
+    EXPECT_EQ(instantiate(m, e, SexpMatcher()), e);
+  });
+}
+
+}  // namespace
+}  // namespace vorn

@@ -1,0 +1,88 @@
+// Runs the vorn command as a process and checks its exit status and output.
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ContainsRegex;
+using ::testing::StartsWith;
+
+// Scratch files of this process: the standard streams and the rules files.
+std::string Path(const char* name) { return "/tmp/vorn_cli_" + std::to_string(getpid()) + name; }
+std::string Write(const char* name, const std::string& text) {
+  std::ofstream(Path(name), std::ios::binary) << text;
+  return Path(name);
+}
+std::string Take(const char* name) {  // reads the file and removes it
+  std::ostringstream text;
+  text << std::ifstream(Path(name), std::ios::binary).rdbuf();
+  std::remove(Path(name).c_str());
+  return text.str();
+}
+
+// Exit status (-1 when the process did not exit normally), standard output, standard error.
+using Result = std::tuple<int, std::string, std::string>;
+
+// Runs vorn with `args` (none holds a single quote) and `input` on standard input.
+Result Vorn(const std::vector<std::string>& args, const std::string& input) {
+  std::string command = "'" VORN_CLI_PATH "' <" + Write(".in", input);
+  for (const std::string& arg : args) command += " '" + arg + "'";
+  const int status = std::system((command + " >" + Path(".out") + " 2>" + Path(".err")).c_str());
+  Take(".in");
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Take(".out"), Take(".err")};
+}
+
+TEST(VornCli, ExitStatusOutputAndErrors) {
+  const std::string rules = Write(".rules", "; comment\n(rule (f ?x) (g ?x ?x))\n(rule a b)\n"),
+                    bad = Write(".bad", "(rule a b)\n  (rul a b)");
+  const struct {
+    std::vector<std::string> args;
+    const char* input;
+    int status;
+    ::testing::Matcher<const std::string&> out, err;
+  } cases[] = {
+      // clang-format off
+      {{"print", "(f x)", "x"}, "", 0,  // each text on its own lines
+       AllOf(StartsWith("{4}[2](cons\n  {1}[2]<1>|f|\n"),
+             ContainsRegex("\n\\{2\\}\\[[0-9]+\\]<2>\\|x\\|\n$")), ""},
+      {{"match", "(f ?y (g ?x))", "(f a (g (h |b c|)))"}, "", 0,
+       "match\n?y = a\n?x = (h |b c|)\n", ""},
+      {{"match", "(f ?x ?x)", "(f a b)"}, "", 1, "no match\n", ""},
+      {{"rewrite", rules, "(f (f a))", "c"}, "", 0,
+       "(f (f a)) => (g (g b b) (g b b))\nc => c\n", ""},
+      {{"rewrite", "--trace", rules}, "(h a)\n(f a)", 0,
+       "rule 2: a -> b\n(h a) => (h b)\nrule 1: (f b) -> (g b b)\n(f a) => (g b b)\n", ""},
+      {{"rewrite", "--max-steps", "2", "--trace", rules, "(q)", "(f (f a))"}, "", 2,
+       "(q) => (q)\nrule 2: a -> b\nrule 1: (f b) -> (g b b)\n",
+       "vorn: <arg 3>:1:1: no normal form within 2 rule applications (see --max-steps)\n"},
+      {{"rewrite", bad, "a"}, "", 2, "", StartsWith("vorn: " + bad + ":2:3: expected (rule ")},
+      {{"rewrite", rules, "a", "(f a))"}, "", 2, "", StartsWith("vorn: <arg 3>:1:6: ")},
+      {{"rewrite", "--builtin"}, "(d x x)\n (f\n", 2, "", StartsWith("vorn: <stdin>:3:1: ")},
+      {{"--help"}, "", 0, StartsWith("usage: vorn"), ""}, {{}, "", 2, "", StartsWith("vorn: ")},
+      {{"match", "-h"}, "", 0, StartsWith("usage: vorn"), ""},
+      {{"frob"}, "", 2, "", StartsWith("vorn: ")},
+      {{"rewrite", "--max-steps", "x"}, "", 2, "", StartsWith("vorn: ")},
+      {{"rewrite"}, "", 0,  // the built-in demonstration
+       AllOf(StartsWith("(d x (* x x)) => (* 2 x)\n"),
+             ContainsRegex("\nstats: 7 terms, [1-9][0-9]* steps, [1-9][0-9]* nodes made, "
+                           "[0-9]+ sharing hits, [0-9]+ memo hits, [0-9.]+ ms\n$")), ""},
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    EXPECT_THAT(Vorn(c.args, c.input), ::testing::FieldsAre(c.status, c.out, c.err))
+        << ::testing::PrintToString(c.args);
+  }
+  for (const char* name : {".rules", ".bad"}) Take(name);
+}
+
+}  // namespace
