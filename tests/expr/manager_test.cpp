@@ -20,7 +20,7 @@ using Internals = detail::SexpManagerInternals;
 using Words = std::vector<std::uint64_t>;
 
 template <class... Handles>
-Words CountsOf(const Handles&... h) {
+Words counts_of(const Handles&... h) {
   return {h.get()->refcount...};
 }
 
@@ -28,7 +28,7 @@ TEST(SexpManager, NilAndPlainNodes) {
   SexpManager m;
   const Sexp nil = m.nil(), a = m.sym(7), b = m.sym(7);
   EXPECT_EQ((Words{nil.id(), nil.value(), a.id(), b.id(), b.value()}), (Words{0, 0, 1, 2, 7}));
-  EXPECT_EQ(CountsOf(a, m.cons(a, a)), (Words{3, 1}));
+  EXPECT_EQ(counts_of(a, m.cons(a, a)), (Words{3, 1}));
   Sexp_* const raw = m.alloc_sexp();  // id 4: the dead cons took 3
   EXPECT_EQ((Words{raw->id, raw->refcount, raw->is_symbol, raw->value}), (Words{4, 1, 1, 0}));
   m.free_sexp(raw);
@@ -40,10 +40,10 @@ TEST(SexpManager, PoolFailureAtThe1025thNodeChangesNothing) {
   std::vector<Sexp> held;
   for (unsigned long i = 1; i < 1023; ++i) held.push_back(m.sym(i));
   test::MallocProbe probe;
-  probe.fail_next(1);
-  held.push_back(m.sym(1023));  // the 1024th node (nil was the first) fits the first chunk
+  probe.fail_next(1);  // armed: the 1024th node (nil was the first) still fits the first chunk
+  held.push_back(m.sym(1023));
   EXPECT_THROW(m.cons(held[0], held[1]), std::bad_alloc);
-  EXPECT_EQ(CountsOf(held[0], held[1]), (Words{1, 1}));
+  EXPECT_EQ(counts_of(held[0], held[1]), (Words{1, 1}));
   EXPECT_EQ(m.cons(held[0], held[1]).id(), 1024u);
 }
 
@@ -92,11 +92,11 @@ TEST(SexpManagerSharing, EqualShapesShareOneCanonicalNode) {
   EXPECT_EQ(m.sh_sym(0), m.nil());
   const Sexp plain = m.sym(1), a = m.sh_sym(1);  // plain nodes are never canonical
   // Counted: the table's hold, a and the hit.
-  EXPECT_EQ(CountsOf(a, m.sh_sym(1)), (Words{3, 3}));
+  EXPECT_EQ(counts_of(a, m.sh_sym(1)), (Words{3, 3}));
   const Sexp b = m.sh_sym(2), plain_ab = m.cons(a, b), c = m.sh_cons(a, b);
   // sh_sym(0) and the hit took no id
   EXPECT_EQ((Words{plain.id(), a.id(), b.id(), plain_ab.id(), c.id()}), (Words{1, 2, 3, 4, 5}));
-  EXPECT_EQ(CountsOf(c, a, b), (Words{2, 4, 4}));
+  EXPECT_EQ(counts_of(c, a, b), (Words{2, 4, 4}));
   for (bool via_strhash : {false, true}) {  // a hit gives back the new node's slot and id
     // Dropped at once, so its slot is the next one handed out.
     Sexp_* const slot = m.sym(0).get();
@@ -104,7 +104,7 @@ TEST(SexpManagerSharing, EqualShapesShareOneCanonicalNode) {
     Sexp hit = via_strhash ? m.cons(a, b) : m.sh_cons(a, b);
     EXPECT_EQ(via_strhash ? &m.strhash(hit) : &hit, &hit);
     EXPECT_EQ(hit, c);
-    EXPECT_EQ(CountsOf(c, a, b), (Words{3, 4, 4}));
+    EXPECT_EQ(counts_of(c, a, b), (Words{3, 4, 4}));
     const Sexp next = m.sym(0);
     EXPECT_EQ(std::make_pair(next.get(), next.id()), std::make_pair(slot, id));
   }
@@ -118,7 +118,7 @@ TEST(SexpManagerSharing, StrhashEqReadsKindValuesAndChildIds) {
   Sexp_ kid[5], sym[3], cell[4];  // unmanaged symbols of value 0; cells die first
   const int links[] = {0, 1, 2, 3, 1, 0, 4, 4};
   for (int i = 0; i < 5; ++i) kid[i].id = i < 4 ? i % 2 + 1 : 0xFFFFFFFFu;
-  for (int i = 0; i < 4; ++i)
+  for (std::size_t i = 0; i < 4; ++i)
     cell[i].is_symbol = 0, cell[i].car = &kid[links[2 * i]], cell[i].cdr = &kid[links[2 * i + 1]];
   sym[0].value = 5, sym[1].value = 0x100000005, sym[2].value = 16777218;
   const SexpManager::Sexp_strhash_eq f;

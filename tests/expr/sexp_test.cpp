@@ -17,7 +17,7 @@ using Counts = std::vector<std::uint32_t>;
 using Slots = std::vector<Sexp_*>;
 
 template <class... Handles>
-Counts CountsOf(const Handles&... h) {
+Counts counts_of(const Handles&... h) {
   return {h.get()->refcount...};
 }
 
@@ -33,13 +33,15 @@ TEST(SexpNode, CountWrapsModulo2To31BesideTheKindBit) {
 
 TEST(SexpHandle, CopyAndAssignCountAndSelfAssignKeepsTheNode) {
   SexpManager m;
+  const Sexp null;
+  EXPECT_TRUE(Sexp(null).is_null());
   Sexp s = m.sym(5), copy = s;
   s = copy;  // between two holders of one node
-  EXPECT_EQ(CountsOf(s), Counts{2});
+  EXPECT_EQ(counts_of(s), Counts{2});
   copy = Sexp();
   Sexp& self = s;
   s = self;  // the only holder, assigned to itself
-  EXPECT_EQ(CountsOf(s), Counts{1});
+  EXPECT_EQ(counts_of(s), Counts{1});
   EXPECT_NE(m.sym(6).get(), s.get());
 }
 
@@ -48,11 +50,11 @@ TEST(SexpHandle, SetcarKeepsOrReleasesTheOldCar) {
   const Sexp leaf = m.sym(1), x = m.sym(2);
   Sexp old = m.cons(leaf, m.nil()), c = m.cons(old, leaf);
   c.setcar(old);  // the same car again
-  EXPECT_EQ(CountsOf(old, leaf, c), (Counts{2, 3, 1}));
+  EXPECT_EQ(counts_of(old, leaf, c), (Counts{2, 3, 1}));
   Sexp_* const freed = old.get();
   old = Sexp();
   c.setcar(x);  // the old car dies, and its reference on leaf with it
-  EXPECT_EQ(CountsOf(x, leaf), (Counts{2, 2}));
+  EXPECT_EQ(counts_of(x, leaf), (Counts{2, 2}));
   EXPECT_EQ(m.sym(0).get(), freed);
 }
 
@@ -70,9 +72,9 @@ TEST(SexpHandle, DyingTreesReturnSlotsInPostOrder) {
     }
     st.clear();  // drops the root, the only node still held
     for (std::size_t i = 0; i < made.size(); ++i) reused.push_back(st.emplace_back(m.sym(0)).get());
-    EXPECT_EQ(reused, Slots(made.rbegin(), made.rend())) << rpn;
+    EXPECT_EQ(reused, Slots(made.rbegin(), made.rend())) << rpn;  // last freed, first reused
   }
-  EXPECT_EQ(CountsOf(kept), Counts{1});
+  EXPECT_EQ(counts_of(kept), Counts{1});
 }
 
 TEST(SexpHandle, DeepStructuresReleaseOnASmallStack) {
