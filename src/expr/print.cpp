@@ -4,6 +4,7 @@
 #include <functional>
 #include <iostream>
 #include <locale>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -253,6 +254,9 @@ void Sexp_::debug_print() const {
 std::string Sexp_::debug_to_str() const {
   std::ostringstream out;
   print(out);
+  // A string stream swallows a failed allocation and only sets badbit; a truncated text
+  // must not pass for the whole one.
+  if (out.bad()) throw std::bad_alloc();
   return out.str();
 }
 

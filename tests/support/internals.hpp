@@ -16,6 +16,23 @@ struct SexpManagerInternals {
   static std::size_t symbol_size(const SexpManager& m) { return m.symbol_table.size(); }
   static std::size_t symbol_buckets(const SexpManager& m) { return m.symbol_table.bucket_count(); }
   static std::size_t name_count(const SexpManager& m) { return m.symbol_names.size(); }
+  /// Slots on the node pool's free list. Takes them all and gives them back in reverse,
+  /// so the free list ends exactly as it was; allocates nothing.
+  static std::size_t free_slots(SexpManager& m) noexcept {
+    void* taken = nullptr;
+    std::size_t n = 0;
+    for (; m.sexp_pool.has_free_slot(); ++n) {
+      void* slot = m.sexp_pool.allocate();
+      *static_cast<void**>(slot) = taken;
+      taken = slot;
+    }
+    while (taken != nullptr) {
+      void* next = *static_cast<void**>(taken);
+      m.sexp_pool.deallocate(taken);
+      taken = next;
+    }
+    return n;
+  }
 };
 
 }  // namespace vorn::detail

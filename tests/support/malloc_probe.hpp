@@ -1,7 +1,9 @@
-// Observes, and can fail, the malloc calls made by code linked into the test binary
-// (the library included). The test binary is linked with -Wl,--wrap=malloc, so those
-// calls reach __wrap_malloc below; the standard library's own calls (operator new
-// inside libstdc++) are not seen.
+// Observes, and can fail, allocations made while a probe is alive: every malloc call from
+// code linked into the test binary (the library included; the binary is linked with
+// -Wl,--wrap=malloc, so those calls reach __wrap_malloc), and, when asked, every call of
+// the global operator new from anywhere in the process, standard library included (the
+// replaceable forms are defined in malloc_probe.cpp). Calls are numbered from 0 in one
+// sequence, malloc and new together.
 #ifndef VORN_TESTS_SUPPORT_MALLOC_PROBE_HPP
 #define VORN_TESTS_SUPPORT_MALLOC_PROBE_HPP
 
@@ -9,23 +11,33 @@
 
 namespace vorn::test {
 
-/// While alive, records the size of every malloc call (up to `capacity`) and can make
-/// chosen calls fail by returning null. One probe at a time.
+/// While alive, records every call (size and outcome, for the first `capacity` calls)
+/// and makes the calls of a chosen range fail: malloc returns null, operator new throws
+/// std::bad_alloc. One probe at a time.
 class MallocProbe {
  public:
-  static constexpr std::size_t capacity = 4096;
+  static constexpr std::size_t capacity = 16384;
+  static constexpr std::size_t forever = static_cast<std::size_t>(-1);
 
-  MallocProbe() noexcept;
+  /// With `count_new`, calls of operator new are counted and failed too.
+  explicit MallocProbe(bool count_new = false) noexcept;
   ~MallocProbe();
   MallocProbe(const MallocProbe&) = delete;
   MallocProbe& operator=(const MallocProbe&) = delete;
 
-  /// The next `n` calls return null (and are still counted).
+  /// The next `n` calls fail (and are still counted).
   void fail_next(std::size_t n = 1) noexcept;
+  /// Calls `first` .. `first + n - 1` (0-based) fail; `n` == forever fails all from `first`
+  /// on; `n` == 0 fails none.
+  void fail_at(std::size_t first, std::size_t n = 1) noexcept;
   /// Calls seen since construction or reset().
   std::size_t calls() const noexcept;
+  /// Calls made to fail since construction or reset().
+  std::size_t failures() const noexcept;
   /// Size asked for by call `i` (0-based).
   std::size_t size(std::size_t i) const noexcept;
+  /// Number of recorded malloc calls (not operator new) of exactly `bytes` that succeeded.
+  std::size_t granted(std::size_t bytes) const noexcept;
   void reset() noexcept;
 };
 

@@ -1,0 +1,219 @@
+// Model-based fuzzing: the input is decoded into operations on one manager (names, plain
+// and shared nodes, handle copies and drops, setcar/setcdr on plain conses, printing,
+// matching, writing and reading back), and every result is checked against a model that
+// keeps the same expressions as plain records: equal shapes give one canonical node,
+// every count equals the holders the model counts, the printed text is the model's, and
+// a naive recursive matcher gives the same verdicts and bindings.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "support/internals.hpp"
+#include "vorn/vorn.hpp"
+
+namespace {
+
+using namespace vorn;
+using I = detail::SexpManagerInternals;
+
+#define CHECK(c) ((c) ? (void)0 : (std::fprintf(stderr, "model mismatch, line %d: %s\n", __LINE__, #c), std::abort()))
+
+struct Node {
+  bool sym;
+  std::uint64_t value;
+  int car, cdr;  // model indices
+  Sexp_* real;
+};
+using Shape = std::tuple<bool, std::uint64_t, int, int>;
+constexpr int slots = 8;
+
+struct Model {
+  SexpManager m;
+  std::vector<Node> nodes{{true, 0, -1, -1, m.nil().get()}};
+  std::map<Shape, int> canon{{Shape{true, 0, -1, -1}, 0}};
+  std::vector<std::string> names{""};
+  int slot[slots] = {-1, -1, -1, -1, -1, -1, -1, -1};
+  Sexp h[slots];
+
+  // Expected counts: a node is held by each handle, by the shared table when canonical
+  // (and by the manager itself for nil), and by every live cons that has it as a child.
+  std::vector<std::uint32_t> holders() {
+    std::vector<std::uint32_t> want(nodes.size(), 0);
+    std::vector<char> live(nodes.size(), 0);
+    std::vector<int> todo{0};
+    want[0] = 1;
+    for (const auto& c : canon) todo.push_back(c.second), ++want[c.second];
+    for (int s : slot) if (s >= 0) todo.push_back(s), ++want[s];
+    while (!todo.empty()) {
+      const int n = todo.back();
+      todo.pop_back();
+      if (live[n]++ || nodes[n].sym) continue;
+      ++want[nodes[n].car], ++want[nodes[n].cdr];
+      todo.push_back(nodes[n].car), todo.push_back(nodes[n].cdr);
+    }
+    for (std::size_t n = 0; n < nodes.size(); ++n) {
+      if (live[n]) CHECK(nodes[n].real->refcount == want[n] && nodes[n].real->mgr == &m);
+    }
+    return want;
+  }
+
+  void text(int n, unsigned depth, std::set<int>& done, const std::vector<std::uint32_t>& want, std::string& out) {
+    const Node x = nodes[n];
+    const std::string indent(2 * depth, ' ');
+    out += indent;
+    if (done.count(n)) {
+      out += "@" + std::to_string(x.real->id);
+      return;
+    }
+    out += "{" + std::to_string(x.real->id) + "}[" + std::to_string(want[n]) + "]";
+    if (x.sym) {
+      out += "<" + std::to_string(x.value) + ">";
+      if (x.value >= names.size()) {
+        out += "?";
+      } else {
+        out += "|";
+        for (char c : names[x.value]) out += c == '|' ? std::string("\\|") : std::string(1, c);
+        out += "|";
+      }
+    } else {
+      out += "(cons\n";
+      text(x.car, depth + 1, done, want, out);
+      out += indent + "\n";
+      text(x.cdr, depth + 1, done, want, out);
+      out += "\n" + indent + ")";
+    }
+    done.insert(n);
+  }
+
+  // Whether `to` lies in `from`'s graph; with `cap`, whether `from` written out as a tree
+  // (shared parts repeated) has more than `cap` nodes.
+  bool reaches(int from, int to, std::size_t cap = 0) {
+    std::vector<char> seen(nodes.size(), 0);
+    std::vector<int> todo{from};
+    for (std::size_t k = 0; !todo.empty(); ++k) {
+      const int n = todo.back();
+      todo.pop_back();
+      if (n == to || (cap != 0 && k > cap)) return true;
+      if ((cap == 0 && seen[n]++) || nodes[n].sym) continue;
+      todo.push_back(nodes[n].car), todo.push_back(nodes[n].cdr);
+    }
+    return false;
+  }
+
+  bool naive(int p, int e, const std::set<std::uint64_t>& vars, std::map<std::uint64_t, int>& bound) {
+    const Node &P = nodes[p], &E = nodes[e];
+    if (P.sym && vars.count(P.value)) return bound.emplace(P.value, e).first->second == e;
+    if (P.sym || E.sym) return P.sym == E.sym && P.value == E.value;
+    return naive(P.car, E.car, vars, bound) && naive(P.cdr, E.cdr, vars, bound);
+  }
+
+  // The canonical node of `n`'s shape, which `r` must be; enters shapes the model lacks.
+  int intern(int n, Sexp_* r) {
+    const Node x = nodes[n];
+    CHECK(r->is_symbol == x.sym && (!x.sym || r->value == x.value));
+    const int car = x.sym ? -1 : intern(x.car, r->car), cdr = x.sym ? -1 : intern(x.cdr, r->cdr);
+    const Shape shape{x.sym, x.sym ? x.value : 0, car, cdr};
+    const auto found = canon.find(shape);
+    if (found != canon.end()) return CHECK(nodes[found->second].real == r), found->second;
+    nodes.push_back({x.sym, x.sym ? x.value : 0, car, cdr, r});
+    return canon[shape] = int(nodes.size() - 1);
+  }
+
+  // Puts a node made by `make` (plain, or shared when `shape` is given) into slot d.
+  template <class Make>
+  void made(int d, Node x, bool shared, Make make) {
+    const std::uint32_t id = I::next_id(m);
+    const Shape shape{x.sym, x.value, x.car, x.cdr};
+    const Sexp s = make();
+    const auto found = shared ? canon.find(shape) : canon.end();
+    if (found != canon.end()) {
+      CHECK(s.get() == nodes[found->second].real && I::next_id(m) == id);
+      slot[d] = found->second;
+    } else {
+      CHECK(s.id() == id && I::next_id(m) == id + 1);
+      x.real = s.get();
+      nodes.push_back(x);
+      slot[d] = int(nodes.size() - 1);
+      if (shared) canon[shape] = slot[d];
+    }
+    h[d] = s;
+  }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Model md;
+  std::size_t at = 0;
+  const auto next = [&] { return at < size ? data[at++] : std::uint8_t{0}; };
+  while (at < size) {
+    const int op = next() % 12, a = next() % slots, b = next() % slots, d = next() % slots;
+    const int pa = md.slot[a], pb = md.slot[b];
+    const std::uint64_t v = next() % 12;
+    // Matching and writing walk expressions as trees: keep those small.
+    const auto small = [&md](int n) { return n >= 0 && !md.reaches(n, -1, 5000); };
+    if (op == 0) {
+      std::string name;
+      for (int n = next() % 5; n > 0; --n) name += "ab|\\ (#.)x;"[next() % 11];
+      unsigned long want = md.names.size();
+      for (unsigned long i = 0; i < md.names.size(); ++i) if (md.names[i] == name) want = i;
+      if (want == md.names.size()) md.names.push_back(name);
+      CHECK(md.m.make_symbol(name.c_str()) == want && md.m.get_symbol_value(want) == md.names[want]);
+    } else if (op == 1 || op == 3) {
+      md.made(d, {true, v, -1, -1, nullptr}, op == 3, [&] { return op == 3 ? md.m.sh_sym(v) : md.m.sym(v); });
+    } else if ((op == 2 || op == 4) && pa >= 0 && pb >= 0) {
+      md.made(d, {false, 0, pa, pb, nullptr}, op == 4,
+              [&] { return op == 4 ? md.m.sh_cons(md.h[a], md.h[b]) : md.m.cons(md.h[a], md.h[b]); });
+    } else if (op == 5) {
+      md.h[d] = md.h[a], md.slot[d] = pa;
+    } else if (op == 6) {
+      md.h[a] = Sexp(), md.slot[a] = -1;
+    } else if (op == 7 && pa >= 0 && pb >= 0 && !md.nodes[pa].sym && !md.reaches(pb, pa)) {
+      bool canonical = false;  // setcar/setcdr are for plain conses only
+      for (const auto& c : md.canon) canonical |= c.second == pa;
+      if (canonical) continue;
+      if (v % 2 == 0) md.h[a].setcar(md.h[b]), md.nodes[pa].car = pb;
+      if (v % 2 == 1) md.h[a].setcdr(md.h[b]), md.nodes[pa].cdr = pb;
+    } else if (op == 8 && pa >= 0 && md.nodes.size() < 400) {
+      std::set<int> done;
+      std::string want;
+      md.text(pa, 0, done, md.holders(), want);
+      CHECK(md.h[a].debug_to_str() == want);
+    } else if (op == 9 && small(pa)) {
+      const Sexp back = parse(md.m, to_text(md.h[a]));
+      md.intern(pa, back.get());
+    } else if ((op == 10 || op == 11) && small(pa) && small(pb) && (md.slot[d] < 0 || small(md.slot[d]))) {
+      std::set<std::uint64_t> vars;
+      std::vector<Sexp> keys, patterns{md.h[a]};
+      for (std::uint64_t i = 0; i < 8; ++i) {
+        keys.push_back(md.m.sym(i));
+        if (v >> (i % 4) & 1 && (i < 4) == (d % 2 == 0)) vars.insert(i);
+      }
+      SexpMatcher mt;
+      for (std::uint64_t var : vars) mt.add_var(keys[var]);
+      std::map<std::uint64_t, int> bound;
+      std::size_t want = 0;
+      if (op == 10) {
+        want = md.naive(pa, pb, vars, bound) ? 0 : 1;
+        CHECK(mt.match(md.h[a], md.h[b]) == (want == 0));
+      } else {
+        if (md.slot[d] >= 0) patterns.push_back(md.h[d]);
+        for (; want < patterns.size(); ++want) {
+          bound.clear();
+          if (md.naive(md.slot[want == 0 ? a : d], pb, vars, bound)) break;
+        }
+        CHECK(mt.match(patterns, md.h[b]) == want);
+      }
+      for (std::uint64_t i = 0; i < 8; ++i) {
+        CHECK(mt.get(keys[i]).get() == (bound.count(i) ? md.nodes[bound[i]].real : nullptr));
+      }
+    }
+    md.holders();
+  }
+  return 0;
+}
