@@ -43,13 +43,13 @@ void SexpManager::free_names() noexcept {
 }
 
 unsigned long SexpManager::make_symbol(const char* name) {
-  // The name is hashed once and serves both the look-up and the insertion.
-  const std::uint64_t h = hsh::hash<char*>()(name);
-  auto known = symbol_table.find_hashed(
+  // The name is measured and hashed once, for the look-up, the copy and the insertion.
+  std::size_t len;
+  const std::uint64_t h = hsh::hash<char*>::of(name, len);
+  const auto* known = symbol_table.find_item(
       h, [name](const std::pair<const char*, unsigned long>& e) { return CStr_eq()(e.first, name); });
-  if (known != symbol_table.end()) return known->second;
+  if (known != nullptr) return known->second;
 
-  const std::size_t len = std::strlen(name);
   auto* copy = static_cast<char*>(std::malloc(len + 1));
   if (copy == nullptr) throw std::bad_alloc();
   std::memcpy(copy, name, len);
@@ -74,11 +74,14 @@ Sexp& SexpManager::strhash(Sexp& s) {
   if (found != shared_table.end()) {
     Sexp_* canonical = *found;
     --next_id;  // fresh was the last node made: its id is handed out again next
+    // If another handle keeps fresh alive, two live nodes will share that id.
+    if (fresh->refcount != 1) child_ids_are_identities = false;
     canonical->add_ref();
     s.node = canonical;
     fresh->release();  // its slot becomes the next one handed out
     return s;
   }
+  if (fresh->is_symbol == 0) check_children(fresh);
   // The table's reference is taken first: if the insert fails the node stays alive,
   // keeping its slot and its children, rather than leaving the table a dangling entry.
   fresh->add_ref();
@@ -86,52 +89,39 @@ Sexp& SexpManager::strhash(Sexp& s) {
   return s;
 }
 
-// sh_cons and sh_sym have the effects of "make the node as cons/sym would, then
-// strhash it", with fewer steps: the shape is looked up before any node exists, so a
-// hit makes no node and moves no count but the result's. Every observable effect is
-// the same: a hit still needs a slot (a full pool takes its next chunk, as the
-// discarded node would have made it do) and a usable id (exhausted ids still throw);
-// the free list, the id counter and the children's counts end as the discarded node
-// would have left them; on a miss the node takes the next id and slot, and if entering
-// it in the table fails it keeps one reference (the table's) and stays alive.
-void SexpManager::reserve_node() {
-  if (next_id == 0 && nil_node != nullptr) throw_ids_exhausted();
-  if (!sexp_pool.has_free_slot()) sexp_pool.deallocate(sexp_pool.allocate());
-}
+// A hit of sh_cons or sh_sym makes no node, yet it must fail where making the discarded
+// node would have failed, and leave the pool as that node would have: with a chunk taken.
+void SexpManager::take_node_chunk() { sexp_pool.deallocate(sexp_pool.allocate()); }
 
+// On a miss the node takes the next id and slot. If entering it in the table fails, it
+// keeps one reference (the table's) and stays alive, as strhash's miss would leave it.
 Sexp SexpManager::enter_canonical(Sexp_* fresh, std::uint64_t h) {
   shared_table.insert_absent(h, fresh);  // on failure `fresh` keeps the table's reference
   fresh->add_ref();                      // the caller's
   return Sexp(fresh, Sexp::Adopt{});
 }
 
-Sexp SexpManager::sh_cons(const Sexp& car, const Sexp& cdr) {
-  assert(!car.is_null() && !cdr.is_null() && "sh_cons of a null handle");
-  Sexp_* a = car.get();
-  Sexp_* d = cdr.get();
-  reserve_node();
-  const std::uint64_t h = (static_cast<std::uint64_t>(a->id) << 24) + d->id;
-  auto found = shared_table.find_hashed(h, [a, d](const Sexp_* n) {
-    return n->is_symbol == 0 && n->car->id == a->id && n->cdr->id == d->id;
-  });
-  if (found != shared_table.end()) return Sexp(*found);
+Sexp SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
   Sexp_* n = alloc_sexp();
-  n->is_symbol = 0;
+  n->make_fresh_cons();
   a->add_ref();
   n->car = a;
   d->add_ref();
   n->cdr = d;
+  check_children(n);
   return enter_canonical(n, h);
 }
 
-Sexp SexpManager::sh_sym(unsigned long value) {
-  reserve_node();
-  auto found = shared_table.find_hashed(
-      value, [value](const Sexp_* n) { return n->is_symbol != 0 && n->value == value; });
-  if (found != shared_table.end()) return Sexp(*found);
+Sexp SexpManager::enter_symbol(unsigned long value) {
   Sexp_* n = alloc_sexp();
   n->value = value;
   return enter_canonical(n, value);
 }
+
+namespace detail {
+void note_foreign_child(SexpManager* m) noexcept {
+  if (m != nullptr) m->child_ids_are_identities = false;
+}
+}  // namespace detail
 
 }  // namespace vorn

@@ -18,6 +18,7 @@ void SexpMatcher::add_var(const Sexp& v) {
   assert(!v.is_null() && "add_var of a null handle");
   assert(v.is_symbol() && "add_var of a cons: only symbols are variables");
   vars.insert(v.get()->value);
+  var_filter |= std::uint64_t{1} << (v.get()->value & 63);
 }
 
 Sexp SexpMatcher::get(const Sexp& key) const {
@@ -38,7 +39,7 @@ void SexpMatcher::erase(const Sexp& key) {
 
 // A cons pattern whose head is a symbol that is no variable can only match an
 // expression with the same head symbol; checking that first spares the stack.
-bool SexpMatcher::heads_differ(const Sexp_* pattern, const Sexp_* expr) {
+bool SexpMatcher::heads_differ(const Sexp_* pattern, const Sexp_* expr) const {
   if (pattern->is_symbol != 0) return false;
   if (expr->is_symbol != 0) return true;
   const Sexp_* head = pattern->car;
@@ -51,19 +52,54 @@ bool SexpMatcher::match(const Sexp& pattern, const Sexp& expr) {
   bindings.clear();
   if (heads_differ(pattern.get(), expr.get())) return false;
   release_stack();
-  stack.emplace_back(pattern, expr);
+  bool matched;
+  try {
+    matched = walk(pattern.get(), expr.get());
+  } catch (...) {
+    own_stack();
+    throw;
+  }
+  own_stack();
+  return matched;
+}
+
+// How the stack is kept during a walk. The pairs the walk pushes hold their nodes without
+// taking references, and are dropped without releasing them: every node they name is held
+// by its parent, up to the two roots the caller holds, for the whole call. When the call
+// ends with pairs left on the stack (a mismatch or an exception), own_stack() gives each of
+// them its two references, so that the stack then holds exactly the references that
+// pushing and popping counted pairs would have left. In between, nothing outside the call
+// can look at a count, so only the add/release traffic of the pairs the walk consumed is
+// saved. (A reallocation of the stack copies its pairs and destroys the old ones, which
+// adds and releases one reference per node: no net change, and no node can die of it.)
+void SexpMatcher::push_borrowed(Sexp_* pattern, Sexp_* expr) {
+  auto& pair = stack.emplace_back();  // two null handles, then the borrowed nodes
+  pair.first.node = pattern;
+  pair.second.node = expr;
+}
+
+void SexpMatcher::own_stack() noexcept {
+  for (auto& pair : stack) {
+    pair.first.node->add_ref();
+    pair.second.node->add_ref();
+  }
+}
+
+bool SexpMatcher::walk(Sexp_* pattern, Sexp_* expr) {
+  push_borrowed(pattern, expr);
   while (!stack.empty()) {
-    // Read the top pair and drop it. The nodes stay alive without a reference of our
-    // own: the caller's handles hold both roots, and every node below a root is held
-    // by its parent for the whole call.
-    Sexp_* p = stack.back().first.get();
-    Sexp_* e = stack.back().second.get();
+    auto& top = stack.back();
+    Sexp_* p = top.first.node;
+    Sexp_* e = top.second.node;
+    top.first.node = nullptr;  // dropped without a release: the pair owned no reference
+    top.second.node = nullptr;
     stack.pop_back();
 
     if (is_var(p)) {
-      auto bound = bindings.find_or_insert(Sexp(p));
+      // A new entry's key and value take their own references, as put() would.
+      auto bound = bindings.find_or_insert(Borrowed(p).get());
       if (bound.second) {
-        bound.first->entry.second = Sexp(e);
+        bound.first->entry.second = Borrowed(e).get();
       } else if (bound.first->entry.second.get()->id != e->id) {
         return false;
       }
@@ -74,8 +110,8 @@ bool SexpMatcher::match(const Sexp& pattern, const Sexp& expr) {
       if (p->value != e->value) return false;
       continue;
     }
-    stack.emplace_back(p->cdr, e->cdr);
-    stack.emplace_back(p->car, e->car);
+    push_borrowed(p->cdr, e->cdr);
+    push_borrowed(p->car, e->car);
   }
   return true;
 }

@@ -16,7 +16,7 @@ namespace vorn {
 
 namespace detail {
 struct SexpManagerInternals;  // white-box access for the library's own tests
-}
+}  // namespace detail
 
 /// Makes every node, stamps it with an id, interns symbol names and keeps one
 /// canonical node per shape.
@@ -49,7 +49,10 @@ class SexpManager {
  public:
   /// Name equality by content.
   struct CStr_eq {
-    bool operator()(const char* a, const char* b) const noexcept { return std::strcmp(a, b) == 0; }
+    // strcmp's verdict; names that differ in their first byte are told apart without the call.
+    bool operator()(const char* a, const char* b) const noexcept {
+      return a[0] == b[0] && std::strcmp(a, b) == 0;
+    }
   };
 
   /// Hash and equality of the shared table. The hash of a symbol is its value; of a
@@ -104,7 +107,7 @@ class SexpManager {
   Sexp cons(const Sexp& car, const Sexp& cdr) {
     assert(!car.is_null() && !cdr.is_null() && "cons of a null handle");
     Sexp_* n = alloc_sexp();
-    n->is_symbol = 0;
+    n->make_fresh_cons();
     car.get()->add_ref();
     n->car = car.get();
     cdr.get()->add_ref();
@@ -140,10 +143,43 @@ class SexpManager {
   Sexp& strhash(Sexp& s);
 
   /// The canonical cons of (car, cdr).
-  Sexp sh_cons(const Sexp& car, const Sexp& cdr);
+  ///
+  /// Inline is the look-up and the hit; making and entering a new node is out of line.
+  /// This has the effects of "make the node as cons() would, then strhash() it", in fewer
+  /// steps: the shape is looked up before any node exists, so a hit makes no node and
+  /// moves no count but the result's. Every observable effect is the same: a hit still
+  /// needs a slot (a full pool takes its next chunk, as the discarded node would have made
+  /// it do) and a usable id (exhausted ids still throw); the free list, the id counter and
+  /// the children's counts end as the discarded node would have left them.
+  Sexp sh_cons(const Sexp& car, const Sexp& cdr) {
+    assert(!car.is_null() && !cdr.is_null() && "sh_cons of a null handle");
+    Sexp_* a = car.get();
+    Sexp_* d = cdr.get();
+    reserve_node();
+    const std::uint64_t h = (static_cast<std::uint64_t>(a->id) << 24) + d->id;
+    Sexp_** found;
+    if (child_ids_are_identities && a->mgr == this && d->mgr == this) {
+      // Same answer as the id comparison below (see child_ids_are_identities), without
+      // reading the stored node's children.
+      found = shared_table.find_item(
+          h, [a, d](const Sexp_* n) { return n->is_symbol == 0 && n->car == a && n->cdr == d; });
+    } else {
+      found = shared_table.find_item(h, [a, d](const Sexp_* n) {
+        return n->is_symbol == 0 && n->car->id == a->id && n->cdr->id == d->id;
+      });
+    }
+    if (found != nullptr) return Sexp(*found);
+    return enter_cons(a, d, h);
+  }
 
-  /// The canonical symbol of `value`; sh_sym(0) is nil.
-  Sexp sh_sym(unsigned long value);
+  /// The canonical symbol of `value`; sh_sym(0) is nil. Made as sh_cons() is.
+  Sexp sh_sym(unsigned long value) {
+    reserve_node();
+    Sexp_** found = shared_table.find_item(
+        value, [value](const Sexp_* n) { return n->is_symbol != 0 && n->value == value; });
+    if (found != nullptr) return Sexp(*found);
+    return enter_symbol(value);
+  }
 
  private:
   friend void detail::reclaim(Sexp_*) noexcept;
@@ -155,13 +191,25 @@ class SexpManager {
   using SharedTable = hsh::Hashtable<Sexp_*, hsh::GetKey_identity<Sexp_*>, Sexp_*,
                                      Sexp_strhash_eq, Sexp_strhash_eq>;
 
+  friend void detail::note_foreign_child(SexpManager*) noexcept;
+
   [[noreturn]] static void throw_ids_exhausted();
   void free_names() noexcept;
   // Fails exactly as alloc_sexp would, without making a node.
-  void reserve_node();
-  // Enters `fresh` (count 1, just made, shape hashing to `h`, absent from the table) as
-  // canonical and returns a handle on it.
+  void reserve_node() {
+    if (next_id == 0 && nil_node != nullptr) throw_ids_exhausted();
+    if (!sexp_pool.has_free_slot()) take_node_chunk();
+  }
+  void take_node_chunk();
+  // The misses of sh_cons and sh_sym: make the node, enter it as canonical (its shape
+  // hashes to `h` and is absent from the table), return a handle on it.
+  Sexp enter_cons(Sexp_* car, Sexp_* cdr, std::uint64_t h);
+  Sexp enter_symbol(unsigned long value);
   Sexp enter_canonical(Sexp_* fresh, std::uint64_t h);
+  // Records that a canonical cons may get (or has got) a child of another manager.
+  void check_children(const Sexp_* cons) noexcept {
+    if (cons->car->mgr != this || cons->cdr->mgr != this) child_ids_are_identities = false;
+  }
 
   // Declaration order is construction order.
   std::uint32_t next_id = 0;          // id of the next node made
@@ -170,6 +218,16 @@ class SexpManager {
   MemoryPool<32, false> sexp_pool{1024, 1.0f, 0};  // every node of this manager
   Sexp_* nil_node = nullptr;          // id 0, value 0; never null once constructed
   SharedTable shared_table;           // canonical nodes, each holding one reference
+
+  // True while, for every canonical cons, comparing its children with two nodes of this
+  // manager by address gives the same answer as comparing them by id (the shape's
+  // definition). That holds as long as (1) every canonical cons's children belong to this
+  // manager and (2) no two live nodes of this manager share an id: ids are handed out
+  // once, never wrap, and the one id given back (strhash's) belongs to a node that dies.
+  // Cleared for good when a canonical cons is entered with, or set (setcar/setcdr) to, a
+  // child of another manager or an unmanaged node, or when strhash gives back the id of a
+  // node that another handle keeps alive.
+  bool child_ids_are_identities = true;
 };
 
 }  // namespace vorn

@@ -81,13 +81,33 @@ class SexpMatcher {
                                 hsh::hash<unsigned long>, std::equal_to<unsigned long>>;
   using Bindings = OrderedMap<Sexp, Sexp, Match_key_lt>;
 
-  bool is_var(const Sexp_* n) { return n->is_symbol != 0 && vars.find(n->value) != vars.end(); }
-  bool heads_differ(const Sexp_* pattern, const Sexp_* expr);
+  // The answer of `vars`; most symbols are no variable, and the filter says so first.
+  bool is_var(const Sexp_* n) const {
+    return n->is_symbol != 0 && ((var_filter >> (n->value & 63)) & 1) != 0 && vars.contains(n->value);
+  }
+  bool heads_differ(const Sexp_* pattern, const Sexp_* expr) const;
   void release_stack() noexcept;
+  bool walk(Sexp_* pattern, Sexp_* expr);
+  void push_borrowed(Sexp_* pattern, Sexp_* expr);
+  void own_stack() noexcept;
+  // A handle on a node that someone else keeps alive, owning no reference: it is let go
+  // without a release, also when an exception passes.
+  class Borrowed {
+   public:
+    explicit Borrowed(Sexp_* n) noexcept : handle(n, Sexp::Adopt{}) {}
+    ~Borrowed() { handle.node = nullptr; }
+    Borrowed(const Borrowed&) = delete;
+    Borrowed& operator=(const Borrowed&) = delete;
+    const Sexp& get() const noexcept { return handle; }
+
+   private:
+    Sexp handle;
+  };
 
   Bindings bindings;  // variable value -> bound expression; ordered by value
   VarSet vars;        // declared variable values; only grows
   std::vector<std::pair<Sexp, Sexp>> stack;  // (pattern node, expression node) still to visit
+  std::uint64_t var_filter = 0;  // bit v % 64 set for every value v in `vars`
 };
 
 }  // namespace vorn

@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 #include <string>
 
@@ -20,6 +21,9 @@ namespace detail {
 /// slots return in post-order. Iterative and allocation-free: the dying nodes' own
 /// words hold the work list, so any depth runs in constant stack space.
 void reclaim(Sexp_* node) noexcept;
+/// Tells manager `m` (if any) that one of its conses now has a child of another manager
+/// or an unmanaged child; see SexpManager::child_ids_are_identities.
+void note_foreign_child(SexpManager* m) noexcept;
 }  // namespace detail
 
 /// One expression node: a cons cell with two children or a symbol with a 64-bit value.
@@ -47,7 +51,7 @@ struct Sexp_ {
   Sexp_* cdr;                    // cons: second child; symbol: null
 
   /// The fresh state: id 0, one reference, a symbol of value 0 without manager.
-  Sexp_() noexcept : id(0), refcount(1), is_symbol(1), mgr(nullptr), value(0), cdr(nullptr) {}
+  Sexp_() noexcept : id(0), mgr(nullptr), value(0), cdr(nullptr) { set_count_word(0x80000001u); }
 
   /// A cons releases its `car`, then its `cdr`; a symbol does nothing. The node's own
   /// count and slot are untouched. (Reclaiming a node does this same work iteratively,
@@ -86,6 +90,20 @@ struct Sexp_ {
   void debug_print() const;
   /// The text print() writes.
   std::string debug_to_str() const;
+
+ private:
+  friend class SexpManager;
+
+  // Makes a fresh node (count 1) a cons. Same effect as `is_symbol = 0`, but written as
+  // the whole 32-bit word that holds refcount and is_symbol: a one-byte store there would
+  // make the next count operation's 32-bit load wait until the store reaches the cache.
+  void make_fresh_cons() noexcept { set_count_word(1u); }
+
+  // Stores the 32-bit word that holds refcount (low 31 bits) and is_symbol (bit 31), the
+  // four bytes after `id`.
+  void set_count_word(std::uint32_t w) noexcept {
+    std::memcpy(reinterpret_cast<unsigned char*>(&id) + sizeof id, &w, sizeof w);
+  }
 };
 
 static_assert(sizeof(Sexp_) == 32, "a node fills exactly one 32-byte pool slot");
@@ -142,9 +160,9 @@ class Sexp {
   /// Replaces the `car` of the cons held: releases the old child first, then takes a
   /// reference on `x` (safe when `x` is the old child: `x` holds its own reference).
   /// The shared table is not consulted: a canonical cons changed here keeps its entry.
-  void setcar(const Sexp& x) noexcept { replace(checked_cons()->car, x); }
+  void setcar(const Sexp& x) noexcept { replace(checked_cons(), node->car, x); }
   /// As setcar, for the `cdr`.
-  void setcdr(const Sexp& x) noexcept { replace(checked_cons()->cdr, x); }
+  void setcdr(const Sexp& x) noexcept { replace(checked_cons(), node->cdr, x); }
 
   /// Diagnostic text of the node held (see Sexp_::print); a null handle writes "<NIL>".
   void print(std::ostream& os) const;
@@ -158,6 +176,7 @@ class Sexp {
 
  private:
   friend class SexpManager;
+  friend class SexpMatcher;
   struct Adopt {};
   // Takes over the reference a freshly made node already carries (count 1).
   Sexp(Sexp_* n, Adopt) noexcept : node(n) {}
@@ -170,8 +189,9 @@ class Sexp {
     assert(checked()->is_symbol == 0 && "cons operation on a symbol node");
     return node;
   }
-  static void replace(Sexp_*& slot, const Sexp& x) noexcept {
+  static void replace(Sexp_* cons, Sexp_*& slot, const Sexp& x) noexcept {
     assert(!x.is_null() && "setcar/setcdr with a null handle");
+    if (x.node->mgr != cons->mgr) detail::note_foreign_child(cons->mgr);
     slot->release();
     x.node->add_ref();
     slot = x.node;

@@ -25,7 +25,69 @@ constexpr std::uint64_t primes[28] = {
     5233ul,      10501ul,     21013ul,      42073ul,      84181ul,      168451ul,     337219ul,
     674701ul,    1349473ul,   2699299ul,    5398891ul,    10798093ul,   21596719ul,   43193641ul,
     86387383ul,  172775299ul, 345550609ul,  691101253ul,  1382202559ul, 2764405229ul, 4294867387ul};
+constexpr std::size_t prime_count = sizeof primes / sizeof primes[0];
 }  // namespace
+
+namespace detail {
+
+/// h % primes[k], the bucket of hash `h` among primes[k] buckets. Each case divides by a
+/// constant, which the compiler turns into a multiplication and a shift instead of a 64-bit
+/// division; the remainder is the same for every h.
+inline std::uint64_t bucket_index(std::uint64_t h, std::size_t k) noexcept {
+  switch (k) {
+    case 0: return h % primes[0];
+    case 1: return h % primes[1];
+    case 2: return h % primes[2];
+    case 3: return h % primes[3];
+    case 4: return h % primes[4];
+    case 5: return h % primes[5];
+    case 6: return h % primes[6];
+    case 7: return h % primes[7];
+    case 8: return h % primes[8];
+    case 9: return h % primes[9];
+    case 10: return h % primes[10];
+    case 11: return h % primes[11];
+    case 12: return h % primes[12];
+    case 13: return h % primes[13];
+    case 14: return h % primes[14];
+    case 15: return h % primes[15];
+    case 16: return h % primes[16];
+    case 17: return h % primes[17];
+    case 18: return h % primes[18];
+    case 19: return h % primes[19];
+    case 20: return h % primes[20];
+    case 21: return h % primes[21];
+    case 22: return h % primes[22];
+    case 23: return h % primes[23];
+    case 24: return h % primes[24];
+    case 25: return h % primes[25];
+    case 26: return h % primes[26];
+    default: return h % primes[27];
+  }
+}
+static_assert(prime_count == 28, "bucket_index has one case per entry of primes");
+
+/// Whether a table of `bucket_count` buckets holding `count` elements is loaded past 0.7,
+/// the test that makes an insert grow the table: both numbers as single-precision floats,
+/// divided in single precision, the quotient widened and compared with the double 0.7.
+inline bool loaded(std::uint64_t count, std::uint64_t bucket_count) noexcept {
+  return static_cast<double>(static_cast<float>(count) / static_cast<float>(bucket_count)) > 0.7;
+}
+
+/// The smallest count at which loaded(count, bucket_count) holds. The test can only turn
+/// from false to true as the count grows (converting to float and dividing by a positive
+/// number both keep order), so `count >= growth_threshold(b)` and `loaded(count, b)` agree
+/// for every count. Found by bisection over that very test, rounding included.
+inline std::uint64_t growth_threshold(std::uint64_t bucket_count) noexcept {
+  std::uint64_t below = 0, at = bucket_count;  // loaded(at) holds (1 > 0.7), loaded(0) not
+  while (at - below > 1) {
+    const std::uint64_t mid = below + (at - below) / 2;
+    (loaded(mid, bucket_count) ? at : below) = mid;
+  }
+  return at;
+}
+
+}  // namespace detail
 
 /// Hash functors. The table reduces every hash modulo a prime, so none of them mixes.
 template <class T>
@@ -36,10 +98,18 @@ struct hash;
 template <>
 struct hash<char*> {
   std::uint64_t operator()(const char* s) const noexcept {
+    std::size_t length;
+    return of(s, length);
+  }
+
+  /// The hash of `s`, also giving its length (the pass that hashes finds the NUL).
+  static std::uint64_t of(const char* s, std::size_t& length) noexcept {
     std::uint64_t h = 0;
-    for (; *s != '\0'; ++s) {
-      h = 5 * h + static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<signed char>(*s)));
+    const char* p = s;
+    for (; *p != '\0'; ++p) {
+      h = 5 * h + static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<signed char>(*p)));
     }
+    length = static_cast<std::size_t>(p - s);
     return h;
   }
 };
@@ -112,7 +182,7 @@ class Hashtable {
   };
 
   /// 31 empty buckets, count 0, a pool that holds no memory yet.
-  Hashtable() : buckets(primes[0], nullptr) {}
+  Hashtable() : buckets(primes[0], nullptr), grow_at(detail::growth_threshold(primes[0])) {}
 
   Hashtable(const Hashtable&) = delete;
   Hashtable& operator=(const Hashtable&) = delete;
@@ -145,6 +215,26 @@ class Hashtable {
     return {link_new(index, v), true};
   }
 
+  /// Whether an element with key `key` is stored: find(key) != end() without positions.
+  bool contains(const Key& key) const {
+    if (count == 0) return false;
+    for (const Bucket* b = buckets[bucket_of(Hash()(key))]; b != nullptr; b = b->next) {
+      if (Eq()(GetKey()(b->item), key)) return true;
+    }
+    return false;
+  }
+
+  /// The stored element that `matches`, looked for in the chain of hash `h`, or null: the
+  /// walk of find_hashed() without building a position.
+  template <class Matches>
+  Value* find_item(std::uint64_t h, Matches matches) {
+    if (count == 0) return nullptr;
+    for (Bucket* b = buckets[bucket_of(h)]; b != nullptr; b = b->next) {
+      if (matches(b->item)) return &b->item;
+    }
+    return nullptr;
+  }
+
   /// find() for owners that can hash and compare a key they have not built as a `Key`:
   /// `h` must be the hash `Hash` gives that key, and `matches(item)` must say what
   /// `Eq` would. Like find(), an empty table answers without looking.
@@ -175,6 +265,8 @@ class Hashtable {
     if (p == std::end(primes)) --p;
     std::vector<Bucket*> old(*p, nullptr);
     old.swap(buckets);
+    prime_at = static_cast<std::size_t>(p - std::begin(primes));
+    grow_at = detail::growth_threshold(*p);
     for (Bucket* head : old) {
       while (head != nullptr) {
         Bucket* next = head->next;
@@ -209,12 +301,13 @@ class Hashtable {
   std::size_t bucket_count() const noexcept { return buckets.size(); }
 
  private:
-  std::uint64_t bucket_of(std::uint64_t h) const noexcept { return h % buckets.size(); }
+  // h modulo the bucket count.
+  std::uint64_t bucket_of(std::uint64_t h) const noexcept { return detail::bucket_index(h, prime_at); }
 
+  // The load test of every insert, detail::loaded(count, bucket count), as one comparison
+  // with its precomputed threshold (same outcome for every count).
   void grow_if_loaded() {
-    if (static_cast<double>(static_cast<float>(count) / static_cast<float>(buckets.size())) > 0.7) {
-      rehash(buckets.size() + 1);
-    }
+    if (count >= grow_at) rehash(buckets.size() + 1);
   }
 
   iterator link_new(std::uint64_t index, const Value& v) {
@@ -228,6 +321,9 @@ class Hashtable {
   ObjectPool<Bucket, false> pool{16, 2.0f, 8192};  // source of every chain node
   std::vector<Bucket*> buckets;  // chain heads; size() is always an entry of primes
   std::uint64_t count = 0;       // elements stored == nodes in all chains
+  // Derived from the bucket count, kept beside it so that no operation divides:
+  std::size_t prime_at = 0;      // buckets.size() == primes[prime_at]
+  std::uint64_t grow_at;         // == detail::growth_threshold(buckets.size())
 };
 
 }  // namespace hsh
