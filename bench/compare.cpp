@@ -360,10 +360,10 @@ benchmark::internal::Benchmark* add(const std::string& group, const char* system
       ->Unit(benchmark::kMillisecond);
 }
 
-[[maybe_unused]] void add_skipped(const std::string& group, const char* system, const char* why) {
+[[maybe_unused]] void add_skipped(const std::string& group, const char* system, std::string why) {
   benchmark::RegisterBenchmark((group + "/" + system).c_str(),
                                [why](benchmark::State& state) {
-                                 for (auto _ : state) state.SkipWithError(why);
+                                 for (auto _ : state) state.SkipWithError(why.c_str());
                                })
       ->Iterations(1);
 }
@@ -405,6 +405,21 @@ void add_matching_and_printing(const Plan& plan) {
   }
 }
 
+// A system without plain cells or a matcher: sharing, interning, and a deep drop of a list
+// made of shared cells.
+template <class S, bool FreshNames>
+[[maybe_unused]] void add_shared_only(const Plan& plan) {
+  add_building<S, false>(plan);
+  add_interning<S, FreshNames>(plan);
+  add("deep-drop", S::name, deep_drop<S, true>)->Arg(plan.deep)->Iterations(1);
+}
+
+// The rows of a comparator whose package was not found at configure time say so.
+[[maybe_unused]] void add_missing(const char* system, const char* what, const char* package) {
+  const std::string why = std::string("skipped: ") + what + " not found (Debian package " + package + ")";
+  for (const char* group : {"share", "intern", "deep-drop"}) add_skipped(group, system, why);
+}
+
 void register_all(int max_exp) {
   Plan plan;
   plan.build = sizes(max_exp);
@@ -425,22 +440,14 @@ void register_all(int max_exp) {
   add("deep-drop", FloorSystem::name, deep_drop<FloorSystem, false>)->Arg(plan.deep)->Iterations(1);
 
 #ifdef VORN_BENCH_HAVE_BOOST
-  add_building<FlyweightSystem, false>(plan);
-  add_interning<FlyweightSystem, false>(plan);
-  add("deep-drop", FlyweightSystem::name, deep_drop<FlyweightSystem, true>)->Arg(plan.deep)->Iterations(1);
+  add_shared_only<FlyweightSystem, false>(plan);
 #else
-  for (const char* group : {"share", "intern", "deep-drop"}) {
-    add_skipped(group, "flyweight", "skipped: Boost.Flyweight not found (Debian package libboost-dev)");
-  }
+  add_missing("flyweight", "Boost.Flyweight", "libboost-dev");
 #endif
 #ifdef VORN_BENCH_HAVE_Z3
-  add_building<Z3System, false>(plan);
-  add_interning<Z3System, true>(plan);
-  add("deep-drop", Z3System::name, deep_drop<Z3System, true>)->Arg(plan.deep)->Iterations(1);
+  add_shared_only<Z3System, true>(plan);
 #else
-  for (const char* group : {"share", "intern", "deep-drop"}) {
-    add_skipped(group, "z3", "skipped: Z3 not found (Debian package libz3-dev)");
-  }
+  add_missing("z3", "Z3", "libz3-dev");
 #endif
 }
 

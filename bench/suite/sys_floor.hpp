@@ -81,7 +81,7 @@ class FloorSystem {
     ++a->refs;
     ++d->refs;
     table_[i] = {h, n};
-    if (++count_ * 2 > table_.size()) grow();
+    if (++count_ * 2 > table_.size()) grow(table_, shift_, &Slot::node);
     return Ref(n);
   }
 
@@ -112,7 +112,7 @@ class FloorSystem {
     char* copy = arena(len + 1);
     std::memcpy(copy, s, len + 1);
     names_[i] = {h, copy, name_count_};
-    if (++name_count_ * 2 > names_.size()) grow_names();
+    if (++name_count_ * 2 > names_.size()) grow(names_, name_shift_, &NameSlot::text);
     return name_count_ - 1;
   }
 
@@ -178,26 +178,18 @@ class FloorSystem {
     return n;
   }
 
-  void grow() {
-    std::vector<Slot> old(table_.size() * 2, Slot{0, nullptr});
-    old.swap(table_);
-    --shift_;
+  // Doubles an open-addressing table of slots whose `hash` picks the start (top bits) and
+  // whose `Occupied` member is null when the slot is free.
+  template <class Slot, class Occupied>
+  static void grow(std::vector<Slot>& table, unsigned& shift, Occupied Slot::*occupied) {
+    std::vector<Slot> old(table.size() * 2, Slot{});
+    old.swap(table);
+    --shift;
     for (const Slot& s : old) {
-      if (s.node == nullptr) continue;
-      std::uint64_t i = s.hash >> shift_;
-      while (table_[i].node != nullptr) i = (i + 1) & (table_.size() - 1);
-      table_[i] = s;
-    }
-  }
-  void grow_names() {
-    std::vector<NameSlot> old(names_.size() * 2, NameSlot{0, nullptr, 0});
-    old.swap(names_);
-    --name_shift_;
-    for (const NameSlot& s : old) {
-      if (s.text == nullptr) continue;
-      std::uint64_t i = s.hash >> name_shift_;
-      while (names_[i].text != nullptr) i = (i + 1) & (names_.size() - 1);
-      names_[i] = s;
+      if (s.*occupied == nullptr) continue;
+      std::uint64_t i = s.hash >> shift;
+      while (table[i].*occupied != nullptr) i = (i + 1) & (table.size() - 1);
+      table[i] = s;
     }
   }
   char* arena(std::size_t n) {
