@@ -64,6 +64,14 @@ class SexpManager {
       if (n->is_symbol) return n->value;
       return (static_cast<std::uint64_t>(n->car->id) << 24) + n->cdr->id;
     }
+    /// Hashing reads the node first (then a cons's children): ask for the node.
+    static void prefetch(const Sexp_* n) noexcept { hsh::detail::prefetch(n); }
+    static void prefetch_next(const Sexp_* n) noexcept {
+      if (n != nullptr && !n->is_symbol) {
+        hsh::detail::prefetch(n->car);
+        hsh::detail::prefetch(n->cdr);
+      }
+    }
     bool operator()(const Sexp_* a, const Sexp_* b) const noexcept {
       if (a == nullptr || b == nullptr) return a == b;
       if (a->is_symbol != b->is_symbol) return false;

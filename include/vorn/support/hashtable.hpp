@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -67,6 +68,29 @@ inline std::uint64_t bucket_index(std::uint64_t h, std::size_t k) noexcept {
 }
 static_assert(prime_count == 28, "bucket_index has one case per entry of primes");
 
+/// Asks for the cache line at `p` ahead of its use; never faults, whatever `p` is.
+inline void prefetch(const void* p) noexcept { __builtin_prefetch(p); }
+
+/// A hash functor may offer `static void prefetch(const Key&)`, which asks memory for what
+/// hashing that key will read; rehashing calls it ahead of the hash. Others need nothing.
+template <class Hash, class Key, class = void>
+struct KeyPrefetch {
+  static void run(const Key&) noexcept {}
+};
+template <class Hash, class Key>
+struct KeyPrefetch<Hash, Key, std::void_t<decltype(Hash::prefetch(std::declval<const Key&>()))>> {
+  static void run(const Key& key) noexcept { Hash::prefetch(key); }
+};
+/// Likewise `static void prefetch_next(const Key&)`, for what hashing reads after that.
+template <class Hash, class Key, class = void>
+struct KeyPrefetchNext {
+  static void run(const Key&) noexcept {}
+};
+template <class Hash, class Key>
+struct KeyPrefetchNext<Hash, Key, std::void_t<decltype(Hash::prefetch_next(std::declval<const Key&>()))>> {
+  static void run(const Key& key) noexcept { Hash::prefetch_next(key); }
+};
+
 /// Whether a table of `bucket_count` buckets holding `count` elements is loaded past 0.7,
 /// the test that makes an insert grow the table: both numbers as single-precision floats,
 /// divided in single precision, the quotient widened and compared with the double 0.7.
@@ -101,6 +125,9 @@ struct hash<char*> {
     std::size_t length;
     return of(s, length);
   }
+
+  /// Hashing reads the bytes of `s`: ask for the first of them.
+  static void prefetch(const char* s) noexcept { detail::prefetch(s); }
 
   /// The hash of `s`, also giving its length (the pass that hashes finds the NUL).
   static std::uint64_t of(const char* s, std::size_t& length) noexcept {
@@ -267,15 +294,23 @@ class Hashtable {
     old.swap(buckets);
     prime_at = static_cast<std::size_t>(p - std::begin(primes));
     grow_at = detail::growth_threshold(*p);
-    for (Bucket* head : old) {
-      while (head != nullptr) {
-        Bucket* next = head->next;
-        Bucket*& chain = buckets[bucket_of(Hash()(GetKey()(head->item)))];
-        head->next = chain;
-        chain = head;
-        head = next;
+    // Every element goes to the front of its new chain, in the order of a walk of the old
+    // chains. The walk gathers a batch, asking memory for what the batch's hashes will
+    // read, then hashes and links the batch: the cache misses of a batch overlap instead
+    // of following one another, and the chains end exactly as one-by-one relinking leaves
+    // them.
+    Bucket* gathered[rehash_batch];
+    std::size_t k = 0;
+    for (std::size_t b = 0; b < old.size(); ++b) {
+      if (b + rehash_batch < old.size()) detail::prefetch(old[b + rehash_batch]);
+      for (Bucket* head = old[b]; head != nullptr;) {
+        gathered[k] = head;
+        head = head->next;  // read before the batch is linked
+        detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[k]->item));
+        if (++k == rehash_batch) relink(gathered, k);
       }
     }
+    relink(gathered, k);
   }
 
   /// Removes every element: each chain, head to tail and bucket by bucket, goes back to
@@ -301,6 +336,23 @@ class Hashtable {
   std::size_t bucket_count() const noexcept { return buckets.size(); }
 
  private:
+  static constexpr std::size_t rehash_batch = 16;  // nodes gathered before they are linked
+
+  // Puts the `k` gathered nodes, in order, at the front of their chains; empties the batch.
+  void relink(Bucket* const* gathered, std::size_t& k) noexcept {
+    std::uint64_t index[rehash_batch];
+    for (std::size_t i = 0; i < k; ++i) detail::KeyPrefetchNext<Hash, Key>::run(GetKey()(gathered[i]->item));
+    for (std::size_t i = 0; i < k; ++i) {
+      index[i] = bucket_of(Hash()(GetKey()(gathered[i]->item)));
+      detail::prefetch(&buckets[index[i]]);
+    }
+    for (std::size_t i = 0; i < k; ++i) {
+      gathered[i]->next = buckets[index[i]];
+      buckets[index[i]] = gathered[i];
+    }
+    k = 0;
+  }
+
   // h modulo the bucket count.
   std::uint64_t bucket_of(std::uint64_t h) const noexcept { return detail::bucket_index(h, prime_at); }
 
