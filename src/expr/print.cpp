@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "../support/decimal.hpp"
+#include "open_marks.hpp"
 #include "vorn/expr/manager.hpp"
 #include "vorn/expr/sexp.hpp"
 
@@ -51,12 +53,8 @@ class BufferedSink {
     buf_[used_++] = c;
   }
   void number(std::uint64_t v) {
-    char digits[20];
-    char* p = digits + sizeof digits;
-    do {
-      *--p = static_cast<char>('0' + v % 10);
-      v /= 10;
-    } while (v != 0);
+    char digits[detail::max_decimal_digits];
+    const char* p = detail::decimal_digits(v, digits + sizeof digits);
     text(p, static_cast<std::size_t>(digits + sizeof digits - p));
   }
   void indent(std::uint32_t depth) {
@@ -101,37 +99,17 @@ class InsertingSink {
 using PrintedSet = hsh::Hashtable<const Sexp_*, hsh::GetKey_identity<const Sexp_*>, const Sexp_*,
                                   hsh::hash<const Sexp_*>, std::equal_to<const Sexp_*>>;
 
+// A cons is open (see open_marks.hpp) from its header to its closing line; an open cons
+// met again is a cycle, which only setcar/setcdr can make.
 struct WalkEntry {
   const Sexp_* node;
   std::uint32_t depth : 30;  // nesting level: two spaces each
   std::uint32_t phase : 2;   // cons progress: 0 nothing written, 1 car written, 2 cdr written
-};
 
-// A cons is "open" from its header to its closing line. An open cons met again is a
-// cycle (only setcar/setcdr can make one). Openness is kept as the low bit of the
-// node's `mgr` word, which the walk never reads for a cons: that costs no memory and
-// no lookup. Every mark is removed before the walk returns, also when it throws, so
-// callers never see a changed node.
-class OpenMarks {
- public:
-  explicit OpenMarks(const std::vector<WalkEntry>& stack) noexcept : stack_(stack) {}
-  OpenMarks(const OpenMarks&) = delete;
-  OpenMarks& operator=(const OpenMarks&) = delete;
-  ~OpenMarks() {
-    for (const WalkEntry& e : stack_) {
-      if (e.phase != 0 && is_open(e.node)) toggle(e.node);
-    }
+  // Removes the open mark this entry set, if any.
+  void unmark() const noexcept {
+    if (phase != 0 && detail::is_open(node)) detail::toggle_open(node);
   }
-  static bool is_open(const Sexp_* n) noexcept {
-    return (reinterpret_cast<std::uintptr_t>(n->mgr) & 1u) != 0;
-  }
-  static void toggle(const Sexp_* n) noexcept {
-    auto* node = const_cast<Sexp_*>(n);  // pool slots are never const objects
-    node->mgr = reinterpret_cast<SexpManager*>(reinterpret_cast<std::uintptr_t>(node->mgr) ^ 1u);
-  }
-
- private:
-  const std::vector<WalkEntry>& stack_;
 };
 
 template <class Sink>
@@ -176,7 +154,7 @@ template <class Sink>
 void write_text(Sink& out, const Sexp_* root) {
   PrintedSet printed;
   std::vector<WalkEntry> stack;
-  OpenMarks marks(stack);
+  detail::OpenMarks<WalkEntry> marks(stack);
   stack.push_back({root, 0, 0});
   while (!stack.empty()) {
     WalkEntry& top = stack.back();
@@ -192,7 +170,7 @@ void write_text(Sink& out, const Sexp_* root) {
       write_symbol(out, n);
       printed.insert(n);
     } else if (top.phase == 0) {
-      if (OpenMarks::is_open(n)) {  // a cycle: refer back to the open cons, do not enter it
+      if (detail::is_open(n)) {  // a cycle: refer back to the open cons, do not enter it
         write_backref(out, n, depth);
         out.ch('!');
         stack.pop_back();
@@ -203,7 +181,7 @@ void write_text(Sink& out, const Sexp_* root) {
       out.text("(cons\n");
       stack.push_back({n->car, depth + 1, 0});  // may move `top`
       stack[stack.size() - 2].phase = 1;
-      OpenMarks::toggle(n);
+      detail::toggle_open(n);
     } else if (top.phase == 1) {
       out.indent(depth);
       out.ch('\n');
@@ -213,7 +191,7 @@ void write_text(Sink& out, const Sexp_* root) {
       out.ch('\n');
       out.indent(depth);
       out.ch(')');
-      OpenMarks::toggle(n);
+      detail::toggle_open(n);
       stack.pop_back();
       printed.insert(n);
     }

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "../expr/open_marks.hpp"
+#include "../support/decimal.hpp"
 #include "vorn/expr/manager.hpp"
 
 namespace vorn {
@@ -26,12 +28,8 @@ class Out {
   void put(const char* s, std::size_t n) { buf_.append(s, n); }
   void put(const char* s) { buf_.append(s); }
   void number(std::uint64_t v) {
-    char digits[20];
-    char* p = digits + sizeof digits;
-    do {
-      *--p = static_cast<char>('0' + v % 10);
-      v /= 10;
-    } while (v != 0);
+    char digits[detail::max_decimal_digits];
+    const char* p = detail::decimal_digits(v, digits + sizeof digits);
     put(p, static_cast<std::size_t>(digits + sizeof digits - p));
   }
   void maybe_flush() {
@@ -91,52 +89,30 @@ void write_symbol(Out& out, const Sexp_* n) {
 }
 
 // A list being written: `head` is its first cons, `at` the cons whose car was written last.
+// Every cons from `head` to `at` along the cdrs is open (see open_marks.hpp); one reached
+// again is a cycle. The marks are removed as the list closes.
 struct Frame {
   const Sexp_* head;
   const Sexp_* at;
-};
 
-// Every cons of every list still being written, from `head` to `at` along the cdrs, is
-// "open"; one reached again is a cycle. Openness is the low bit of the cons's `mgr`
-// word, which nothing reads for a cons while we write (the printer does the same): no
-// memory, no lookup. The marks are removed as each list closes and, should the writing
-// throw, by the destructor, so callers never see a changed node.
-class OpenMarks {
- public:
-  explicit OpenMarks(const std::vector<Frame>& stack) noexcept : stack_(stack) {}
-  OpenMarks(const OpenMarks&) = delete;
-  OpenMarks& operator=(const OpenMarks&) = delete;
-  ~OpenMarks() {
-    for (const Frame& f : stack_) clear(f);
-  }
-  static bool is_open(const Sexp_* n) noexcept {
-    return (reinterpret_cast<std::uintptr_t>(n->mgr) & 1u) != 0;
-  }
-  static void toggle(const Sexp_* n) noexcept {
-    auto* node = const_cast<Sexp_*>(n);  // pool slots are never const objects
-    node->mgr = reinterpret_cast<SexpManager*>(reinterpret_cast<std::uintptr_t>(node->mgr) ^ 1u);
-  }
-  static void clear(const Frame& f) noexcept {
-    for (const Sexp_* p = f.head;; p = p->cdr) {
-      toggle(p);
-      if (p == f.at) break;
+  void unmark() const noexcept {
+    for (const Sexp_* p = head;; p = p->cdr) {
+      detail::toggle_open(p);
+      if (p == at) break;
     }
   }
-
- private:
-  const std::vector<Frame>& stack_;
 };
 
 void write_expr(Out& out, const Sexp_* root) {
   std::vector<Frame> stack;
-  OpenMarks marks(stack);
+  detail::OpenMarks<Frame> marks(stack);
   const Sexp_* n = root;  // the next element to write
   for (;;) {
     out.maybe_flush();
-    if (n->is_symbol == 0 && !OpenMarks::is_open(n)) {
+    if (n->is_symbol == 0 && !detail::is_open(n)) {
       out.put('(');
       stack.push_back({n, n});
-      OpenMarks::toggle(n);
+      detail::toggle_open(n);
       n = n->car;
       continue;
     }
@@ -150,10 +126,10 @@ void write_expr(Out& out, const Sexp_* root) {
       if (stack.empty()) return;
       Frame& f = stack.back();
       const Sexp_* next = f.at->cdr;
-      if (next->is_symbol == 0 && !OpenMarks::is_open(next)) {
+      if (next->is_symbol == 0 && !detail::is_open(next)) {
         out.put(' ');
         f.at = next;
-        OpenMarks::toggle(next);
+        detail::toggle_open(next);
         n = next->car;
         break;
       }
@@ -164,7 +140,7 @@ void write_expr(Out& out, const Sexp_* root) {
         write_symbol(out, next);
       }
       out.put(')');
-      OpenMarks::clear(f);
+      f.unmark();
       stack.pop_back();
     }
   }
