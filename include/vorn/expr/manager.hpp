@@ -64,10 +64,11 @@ class SexpManager {
       if (n->is_symbol) return n->value;
       return (static_cast<std::uint64_t>(n->car->id) << 24) + n->cdr->id;
     }
-    /// Hashing reads the node first (then a cons's children): ask for the node.
-    static void prefetch(const Sexp_* n) noexcept { hsh::detail::prefetch(n); }
-    static void prefetch_next(const Sexp_* n) noexcept {
-      if (n != nullptr && !n->is_symbol) {
+    /// Hashing reads the node (stage 0), then a cons's two children (stage 1).
+    static void prefetch(const Sexp_* n, int stage) noexcept {
+      if (stage == 0) {
+        hsh::detail::prefetch(n);
+      } else if (n != nullptr && !n->is_symbol) {
         hsh::detail::prefetch(n->car);
         hsh::detail::prefetch(n->cdr);
       }

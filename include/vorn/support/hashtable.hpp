@@ -71,24 +71,17 @@ static_assert(prime_count == 28, "bucket_index has one case per entry of primes"
 /// Asks for the cache line at `p` ahead of its use; never faults, whatever `p` is.
 inline void prefetch(const void* p) noexcept { __builtin_prefetch(p); }
 
-/// A hash functor may offer `static void prefetch(const Key&)`, which asks memory for what
-/// hashing that key will read; rehashing calls it ahead of the hash. Others need nothing.
+/// A hash functor may offer `static void prefetch(const Key&, int stage)`: stage 0 asks
+/// memory for what hashing the key reads first, stage 1 (called once stage 0 has had time
+/// to arrive) for what it reads next. Rehashing calls both ahead of the hash; functors
+/// without it need nothing.
 template <class Hash, class Key, class = void>
 struct KeyPrefetch {
-  static void run(const Key&) noexcept {}
+  static void run(const Key&, int) noexcept {}
 };
 template <class Hash, class Key>
-struct KeyPrefetch<Hash, Key, std::void_t<decltype(Hash::prefetch(std::declval<const Key&>()))>> {
-  static void run(const Key& key) noexcept { Hash::prefetch(key); }
-};
-/// Likewise `static void prefetch_next(const Key&)`, for what hashing reads after that.
-template <class Hash, class Key, class = void>
-struct KeyPrefetchNext {
-  static void run(const Key&) noexcept {}
-};
-template <class Hash, class Key>
-struct KeyPrefetchNext<Hash, Key, std::void_t<decltype(Hash::prefetch_next(std::declval<const Key&>()))>> {
-  static void run(const Key& key) noexcept { Hash::prefetch_next(key); }
+struct KeyPrefetch<Hash, Key, std::void_t<decltype(Hash::prefetch(std::declval<const Key&>(), 0))>> {
+  static void run(const Key& key, int stage) noexcept { Hash::prefetch(key, stage); }
 };
 
 /// Whether a table of `bucket_count` buckets holding `count` elements is loaded past 0.7,
@@ -127,7 +120,9 @@ struct hash<char*> {
   }
 
   /// Hashing reads the bytes of `s`: ask for the first of them.
-  static void prefetch(const char* s) noexcept { detail::prefetch(s); }
+  static void prefetch(const char* s, int stage) noexcept {
+    if (stage == 0) detail::prefetch(s);
+  }
 
   /// The hash of `s`, also giving its length (the pass that hashes finds the NUL).
   static std::uint64_t of(const char* s, std::size_t& length) noexcept {
@@ -306,7 +301,7 @@ class Hashtable {
       for (Bucket* head = old[b]; head != nullptr;) {
         gathered[k] = head;
         head = head->next;  // read before the batch is linked
-        detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[k]->item));
+        detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[k]->item), 0);
         if (++k == rehash_batch) relink(gathered, k);
       }
     }
@@ -341,7 +336,7 @@ class Hashtable {
   // Puts the `k` gathered nodes, in order, at the front of their chains; empties the batch.
   void relink(Bucket* const* gathered, std::size_t& k) noexcept {
     std::uint64_t index[rehash_batch];
-    for (std::size_t i = 0; i < k; ++i) detail::KeyPrefetchNext<Hash, Key>::run(GetKey()(gathered[i]->item));
+    for (std::size_t i = 0; i < k; ++i) detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[i]->item), 1);
     for (std::size_t i = 0; i < k; ++i) {
       index[i] = bucket_of(Hash()(GetKey()(gathered[i]->item)));
       detail::prefetch(&buckets[index[i]]);
