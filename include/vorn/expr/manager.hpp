@@ -235,7 +235,9 @@ class SexpManager {
   // once, never wrap, and the one id given back (strhash's) belongs to a node that dies.
   // Cleared for good when a canonical cons is entered with, or set (setcar/setcdr) to, a
   // child of another manager or an unmanaged node, or when strhash gives back the id of a
-  // node that another handle keeps alive.
+  // node that another handle keeps alive. Assumed, as everywhere in the manager: strhash
+  // is given the node made last, and a node's `id`, `car` and `cdr` change only through
+  // the manager and the handle operations.
   bool child_ids_are_identities = true;
 };
 
