@@ -4,6 +4,7 @@
 // keeps the same expressions as plain records: equal shapes give one canonical node,
 // every count equals the holders the model counts, the printed text is the model's, and
 // a naive recursive matcher gives the same verdicts and bindings.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,20 +22,23 @@ namespace {
 using namespace vorn;
 using I = detail::SexpManagerInternals;
 
-#define CHECK(c) ((c) ? (void)0 : (std::fprintf(stderr, "model mismatch, line %d: %s\n", __LINE__, #c), std::abort()))
+#define CHECK(c) \
+  ((c) ? (void)0 \
+       : (std::fprintf(stderr, "model mismatch, line %d: %s\n", __LINE__, #c), std::abort()))
 
 struct Node {
   bool sym;
   std::uint64_t value;
   int car, cdr;  // model indices
   Sexp_* real;
+  bool canonical;
 };
 using Shape = std::tuple<bool, std::uint64_t, int, int>;
 constexpr int slots = 8;
 
 struct Model {
   SexpManager m;
-  std::vector<Node> nodes{{true, 0, -1, -1, m.nil().get()}};
+  std::vector<Node> nodes{{true, 0, -1, -1, m.nil().get(), true}};
   std::map<Shape, int> canon{{Shape{true, 0, -1, -1}, 0}};
   std::vector<std::string> names{""};
   int slot[slots] = {-1, -1, -1, -1, -1, -1, -1, -1};
@@ -48,7 +52,8 @@ struct Model {
     std::vector<int> todo{0};
     want[0] = 1;
     for (const auto& c : canon) todo.push_back(c.second), ++want[c.second];
-    for (int s : slot) if (s >= 0) todo.push_back(s), ++want[s];
+    for (int s : slot)
+      if (s >= 0) todo.push_back(s), ++want[s];
     while (!todo.empty()) {
       const int n = todo.back();
       todo.pop_back();
@@ -62,24 +67,18 @@ struct Model {
     return want;
   }
 
-  void text(int n, unsigned depth, std::set<int>& done, const std::vector<std::uint32_t>& want, std::string& out) {
+  void text(int n, unsigned depth, std::set<int>& done, const std::vector<std::uint32_t>& want,
+            std::string& out) {
     const Node x = nodes[n];
     const std::string indent(2 * depth, ' ');
-    out += indent;
-    if (done.count(n)) {
-      out += "@" + std::to_string(x.real->id);
-      return;
-    }
-    out += "{" + std::to_string(x.real->id) + "}[" + std::to_string(want[n]) + "]";
+    out += indent + (done.count(n) ? "@" : "{") + std::to_string(x.real->id);
+    if (done.count(n)) return;
+    out += "}[" + std::to_string(want[n]) + "]";
     if (x.sym) {
-      out += "<" + std::to_string(x.value) + ">";
-      if (x.value >= names.size()) {
-        out += "?";
-      } else {
-        out += "|";
-        for (char c : names[x.value]) out += c == '|' ? std::string("\\|") : std::string(1, c);
-        out += "|";
-      }
+      const bool named = x.value < names.size();
+      out += "<" + std::to_string(x.value) + (named ? ">|" : ">?");
+      for (char c : named ? names[x.value] : "") out += c == '|' ? "\\|" : std::string(1, c);
+      if (named) out += "|";
     } else {
       out += "(cons\n";
       text(x.car, depth + 1, done, want, out);
@@ -105,11 +104,24 @@ struct Model {
     return false;
   }
 
-  bool naive(int p, int e, const std::set<std::uint64_t>& vars, std::map<std::uint64_t, int>& bound) {
+  bool naive(int p, int e, const std::set<std::uint64_t>& vars,
+             std::map<std::uint64_t, int>& bound) {
     const Node &P = nodes[p], &E = nodes[e];
     if (P.sym && vars.count(P.value)) return bound.emplace(P.value, e).first->second == e;
     if (P.sym || E.sym) return P.sym == E.sym && P.value == E.value;
     return naive(P.car, E.car, vars, bound) && naive(P.cdr, E.cdr, vars, bound);
+  }
+
+  // The index of `x`, which is node `x.real`: for a canonical `x` whose shape the model has,
+  // that shape's node (which `x.real` must be), else a new entry.
+  int enter(const Node& x) {
+    const Shape shape{x.sym, x.value, x.car, x.cdr};
+    const auto found = x.canonical ? canon.find(shape) : canon.end();
+    if (found != canon.end()) return CHECK(nodes[found->second].real == x.real), found->second;
+    nodes.push_back(x);
+    const int n = int(nodes.size() - 1);
+    if (x.canonical) canon[shape] = n;
+    return n;
   }
 
   // The canonical node of `n`'s shape, which `r` must be; enters shapes the model lacks.
@@ -117,31 +129,18 @@ struct Model {
     const Node x = nodes[n];
     CHECK(r->is_symbol == x.sym && (!x.sym || r->value == x.value));
     const int car = x.sym ? -1 : intern(x.car, r->car), cdr = x.sym ? -1 : intern(x.cdr, r->cdr);
-    const Shape shape{x.sym, x.sym ? x.value : 0, car, cdr};
-    const auto found = canon.find(shape);
-    if (found != canon.end()) return CHECK(nodes[found->second].real == r), found->second;
-    nodes.push_back({x.sym, x.sym ? x.value : 0, car, cdr, r});
-    return canon[shape] = int(nodes.size() - 1);
+    return enter({x.sym, x.sym ? x.value : 0, car, cdr, r, true});
   }
 
-  // Puts a node made by `make` (plain, or shared when `shape` is given) into slot d.
+  // Puts a node made by `make` (plain, or shared when `x.canonical`) into slot d. Only a
+  // new node takes an id.
   template <class Make>
-  void made(int d, Node x, bool shared, Make make) {
+  void made(int d, Node x, Make make) {
     const std::uint32_t id = I::next_id(m);
-    const Shape shape{x.sym, x.value, x.car, x.cdr};
-    const Sexp s = make();
-    const auto found = shared ? canon.find(shape) : canon.end();
-    if (found != canon.end()) {
-      CHECK(s.get() == nodes[found->second].real && I::next_id(m) == id);
-      slot[d] = found->second;
-    } else {
-      CHECK(s.id() == id && I::next_id(m) == id + 1);
-      x.real = s.get();
-      nodes.push_back(x);
-      slot[d] = int(nodes.size() - 1);
-      if (shared) canon[shape] = slot[d];
-    }
-    h[d] = s;
+    const bool hit = x.canonical && canon.count(Shape{x.sym, x.value, x.car, x.cdr}) != 0;
+    x.real = (h[d] = make()).get();
+    CHECK(hit ? I::next_id(m) == id : x.real->id == id && I::next_id(m) == id + 1);
+    slot[d] = enter(x);
   }
 };
 
@@ -160,23 +159,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (op == 0) {
       std::string name;
       for (int n = next() % 5; n > 0; --n) name += "ab|\\ (#.)x;"[next() % 11];
-      unsigned long want = md.names.size();
-      for (unsigned long i = 0; i < md.names.size(); ++i) if (md.names[i] == name) want = i;
-      if (want == md.names.size()) md.names.push_back(name);
-      CHECK(md.m.make_symbol(name.c_str()) == want && md.m.get_symbol_value(want) == md.names[want]);
+      auto& names = md.names;
+      const unsigned long want = std::find(names.begin(), names.end(), name) - names.begin();
+      if (want == names.size()) names.push_back(name);
+      CHECK(md.m.make_symbol(name.c_str()) == want && md.m.get_symbol_value(want) == names[want]);
     } else if (op == 1 || op == 3) {
-      md.made(d, {true, v, -1, -1, nullptr}, op == 3, [&] { return op == 3 ? md.m.sh_sym(v) : md.m.sym(v); });
+      md.made(d, {true, v, -1, -1, nullptr, op == 3},
+              [&] { return op == 3 ? md.m.sh_sym(v) : md.m.sym(v); });
     } else if ((op == 2 || op == 4) && pa >= 0 && pb >= 0) {
-      md.made(d, {false, 0, pa, pb, nullptr}, op == 4,
-              [&] { return op == 4 ? md.m.sh_cons(md.h[a], md.h[b]) : md.m.cons(md.h[a], md.h[b]); });
+      md.made(d, {false, 0, pa, pb, nullptr, op == 4}, [&] {
+        return op == 4 ? md.m.sh_cons(md.h[a], md.h[b]) : md.m.cons(md.h[a], md.h[b]);
+      });
     } else if (op == 5) {
       md.h[d] = md.h[a], md.slot[d] = pa;
     } else if (op == 6) {
       md.h[a] = Sexp(), md.slot[a] = -1;
-    } else if (op == 7 && pa >= 0 && pb >= 0 && !md.nodes[pa].sym && !md.reaches(pb, pa)) {
-      bool canonical = false;  // setcar/setcdr are for plain conses only
-      for (const auto& c : md.canon) canonical |= c.second == pa;
-      if (canonical) continue;
+    } else if (op == 7 && pa >= 0 && pb >= 0 && !md.nodes[pa].sym && !md.nodes[pa].canonical &&
+               !md.reaches(pb, pa)) {  // setcar/setcdr are for plain conses only, making no cycle
       if (v % 2 == 0) md.h[a].setcar(md.h[b]), md.nodes[pa].car = pb;
       if (v % 2 == 1) md.h[a].setcdr(md.h[b]), md.nodes[pa].cdr = pb;
     } else if (op == 8 && pa >= 0 && md.nodes.size() < 400) {
@@ -187,7 +186,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } else if (op == 9 && small(pa)) {
       const Sexp back = parse(md.m, to_text(md.h[a]));
       md.intern(pa, back.get());
-    } else if ((op == 10 || op == 11) && small(pa) && small(pb) && (md.slot[d] < 0 || small(md.slot[d]))) {
+    } else if ((op == 10 || op == 11) && small(pa) && small(pb) &&
+               (md.slot[d] < 0 || small(md.slot[d]))) {
       std::set<std::uint64_t> vars;
       std::vector<Sexp> keys, patterns{md.h[a]};
       for (std::uint64_t i = 0; i < 8; ++i) {
@@ -196,22 +196,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       }
       SexpMatcher mt;
       for (std::uint64_t var : vars) mt.add_var(keys[var]);
-      std::map<std::uint64_t, int> bound;
+      if (op == 11 && md.slot[d] >= 0) patterns.push_back(md.h[d]);
+      std::map<std::uint64_t, int> bound;  // the naive bindings of the last pattern tried
       std::size_t want = 0;
-      if (op == 10) {
-        want = md.naive(pa, pb, vars, bound) ? 0 : 1;
-        CHECK(mt.match(md.h[a], md.h[b]) == (want == 0));
-      } else {
-        if (md.slot[d] >= 0) patterns.push_back(md.h[d]);
-        for (; want < patterns.size(); ++want) {
-          bound.clear();
-          if (md.naive(md.slot[want == 0 ? a : d], pb, vars, bound)) break;
-        }
-        CHECK(mt.match(patterns, md.h[b]) == want);
+      for (; want < patterns.size(); ++want) {
+        bound.clear();
+        if (md.naive(md.slot[want == 0 ? a : d], pb, vars, bound)) break;
       }
-      for (std::uint64_t i = 0; i < 8; ++i) {
+      CHECK((op == 11 ? mt.match(patterns, md.h[b]) : !mt.match(md.h[a], md.h[b])) == want);
+      for (std::uint64_t i = 0; i < 8; ++i)
         CHECK(mt.get(keys[i]).get() == (bound.count(i) ? md.nodes[bound[i]].real : nullptr));
-      }
     }
     md.holders();
   }

@@ -10,13 +10,16 @@
 #include "support/internals.hpp"
 #include "vorn/vorn.hpp"
 
-#define CHECK(c) ((c) ? (void)0 : (std::fprintf(stderr, "failed, line %d: %s\n", __LINE__, #c), std::abort()))
+#define CHECK(c) \
+  ((c) ? (void)0 : (std::fprintf(stderr, "failed, line %d: %s\n", __LINE__, #c), std::abort()))
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using I = vorn::detail::SexpManagerInternals;
   vorn::SexpManager m;
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  const auto state = [&m] { return std::make_tuple(I::next_id(m), I::shared_size(m), I::name_count(m)); };
+  const auto state = [&m] {
+    return std::make_tuple(I::next_id(m), I::shared_size(m), I::name_count(m));
+  };
   const auto before = state();
   std::vector<vorn::Sexp> all;
   try {
@@ -27,13 +30,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   for (const vorn::Sexp& e : all) CHECK(vorn::parse(m, vorn::to_text(e)) == e);
   CHECK(vorn::parse_all(m, text) == all);
-  bool one = true;  // parse takes exactly one expression
-  try {
+  try {  // parse takes exactly one expression
     const vorn::Sexp e = vorn::parse(m, text);
     CHECK(all.size() == 1 && e == all[0]);
   } catch (const vorn::ParseError&) {
-    one = false;
+    CHECK(all.size() != 1);
   }
-  CHECK(one == (all.size() == 1));
   return 0;
 }

@@ -31,23 +31,18 @@ TEST(SexpNode, CountWrapsModulo2To31BesideTheKindBit) {
   EXPECT_EQ((Counts{word, n.refcount, n.is_symbol}), (Counts{0xFFFFFFFFu, 0, 1}));
 }
 
-TEST(SexpHandle, CopyAndAssignCountAndSelfAssignKeepsTheNode) {
+TEST(SexpHandle, CopyAssignmentAndSetcarCount) {
   SexpManager m;
-  const Sexp null;
+  const Sexp null, leaf = m.sym(1), x = m.sym(2);
   EXPECT_TRUE(Sexp(null).is_null());
   Sexp s = m.sym(5), copy = s;
   s = copy;  // between two holders of one node
   EXPECT_EQ(counts_of(s), Counts{2});
   copy = Sexp();
   Sexp& self = s;
-  s = self;  // the only holder, assigned to itself
+  s = self;  // the only holder, assigned to itself, keeps the node
   EXPECT_EQ(counts_of(s), Counts{1});
   EXPECT_NE(m.sym(6).get(), s.get());
-}
-
-TEST(SexpHandle, SetcarKeepsOrReleasesTheOldCar) {
-  SexpManager m;
-  const Sexp leaf = m.sym(1), x = m.sym(2);
   Sexp old = m.cons(leaf, m.nil()), c = m.cons(old, leaf);
   c.setcar(old);  // the same car again
   EXPECT_EQ(counts_of(old, leaf, c), (Counts{2, 3, 1}));

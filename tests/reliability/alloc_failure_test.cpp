@@ -9,6 +9,7 @@
 // is destroyed is LeakSanitizer's and memcheck's to report.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdint>
@@ -39,6 +40,26 @@ struct World {
   std::string out;  // what the steps produced, with ids and counts masked
   std::size_t k = 0;
   World() { h.reserve(1200), ids.reserve(100), out.reserve(1 << 20); }
+
+  // A node left behind by a failure shifts later ids and counts: (hex) digits are masked.
+  // A step's output goes out whole or not at all, since a failed step is run again.
+  void put(const std::string& text) {
+    for (char c : text) {
+      const bool digit = std::isxdigit(static_cast<unsigned char>(c)) != 0;
+      if (!digit || out.empty() || out.back() != '#') out += digit ? '#' : c;
+    }
+  }
+  // put() of what `write` writes to a stream, which reports a failed write by its state.
+  template <class Write>
+  void write(Write write) {
+    std::ostringstream os;
+    write(os);
+    if (os.bad()) throw std::bad_alloc();
+    put(os.str());
+  }
+  void build(const std::string& text) {
+    for (const Sexp& e : parse_all(*m, text)) h.push_back(e);
+  }
 };
 
 // What a failed step may leave behind; everything else must be as before it:
@@ -46,7 +67,7 @@ struct World {
 // shared table failed (it keeps its slot and id); new names, one of them listed without
 // a table entry; changed counts on the handles held (a matcher holds references).
 enum Allow : unsigned { fixed = 0, canonical = 1, strand = 2, names = 4, counts = 8 };
-constexpr unsigned naming = names, sharing = strand | counts, matching = counts, building = 15;
+constexpr unsigned sharing = strand | counts, building = 15;
 
 struct Step {
   unsigned allow;
@@ -55,26 +76,10 @@ struct Step {
 };
 struct Workload {
   const char* name;
-  std::vector<Step> steps;
+  std::vector<Step> steps;  // after the manager's construction, which is the first step
 };
 void PrintTo(const Workload& wl, std::ostream* os) { *os << wl.name; }
 
-// A node left behind by a failure shifts later ids and counts: (hex) digits are masked.
-// A step's output goes out whole or not at all, since a failed step is run again.
-void put(World& w, const std::string& text) {
-  for (char c : text) {
-    const bool digit = std::isxdigit(static_cast<unsigned char>(c)) != 0;
-    if (!digit || w.out.empty() || w.out.back() != '#') w.out += digit ? '#' : c;
-  }
-}
-// A failed write into the caller's stream is reported by the stream.
-void report(const std::ostream& os) {
-  if (os.bad()) throw std::bad_alloc();
-}
-void make(World& w) { w.m.emplace(); }
-void build(World& w, const std::string& text) {
-  for (const Sexp& e : parse_all(*w.m, text)) w.h.push_back(e);
-}
 void intern(World& w) {
   static const char* const stems[] = {"a", "bar|s", "x y", "\\", "#", "(", "a-rather-longer-name-"};
   char name[64];
@@ -82,7 +87,20 @@ void intern(World& w) {
   w.ids.push_back(w.m->make_symbol(name));
 }
 void extend(World& w) {  // the list of h[0], ... h[k % 60], ... over and over
-  w.h.push_back(w.m->sh_cons(w.h[w.k % 60], w.k != 0 ? w.h.back() : w.m->nil())), ++w.k;
+  w.h.push_back(w.m->sh_cons(w.h[w.k % 60], w.k != 0 ? w.h.back() : w.m->nil()));
+  ++w.k;
+}
+void write_all(World& w) {  // every expression held, as text
+  std::string s;
+  for (const Sexp& e : w.h) s += to_text(e);
+  w.put(s);
+}
+void parse_error(World& w) {
+  try {
+    parse(*w.m, "(a (b");
+  } catch (const ParseError& e) {
+    w.put(e.what());
+  }
 }
 std::string words(const char* before, int from, int to, const char* after) {
   std::string s;
@@ -90,71 +108,74 @@ std::string words(const char* before, int from, int to, const char* after) {
   return s;
 }
 const std::string deep = words("(n", 0, 40, " (p q) ") + std::string(40, ')');
-const std::string pattern = "(f X0 (g X1 X1) " + words("X", 3, 30, " ") + words("(k", 0, 30, " ") + "X0" +
-                            std::string(31, ')');
-const std::string expr = "(f a (g b b) " + words("c", 3, 30, " ") + words("(k", 0, 30, " ") + "a" +
-                         std::string(31, ')');
+const std::string pattern = "(f X0 (g X1 X1) " + words("X", 3, 30, " ") + words("(k", 0, 30, " ") +
+                            "X0" + std::string(31, ')');
+const std::string expr =
+    "(f a (g b b) " + words("c", 3, 30, " ") + words("(k", 0, 30, " ") + "a" + std::string(31, ')');
+const std::string matched =
+    words("X", 0, 30, " ") + pattern + expr + "(f X0 X0 X0) (g X1) X2 (r X1 (s X2))";
+const std::string assorted = "; note\n(a b . c) () |x\\|y| #42 (|| |#7| \\\\z)" + pattern;
 
 const std::vector<Workload> workloads = {
-    {"PlainNodes", {
-        {fixed, make},
-        {fixed, [](World& w) { for (unsigned long v = 1; v < 1024; ++v) w.h.push_back(w.m->sym(v)); }},
-        {fixed, [](World& w) { w.h.push_back(w.m->cons(w.h[0], w.h[1])); }},  // a second chunk
-        {fixed, [](World& w) {  // no allocation: the chunk has room
-           w.h.push_back(w.m->cons(w.h.back(), w.m->nil())), w.h.back().setcar(w.h[2]), w.h[1023].setcdr(w.h[3]);
-           w.m->free_sexp(w.m->alloc_sexp()), w.h.resize(900), w.h.push_back(w.m->cons(w.h[5], w.m->cons(w.h[6], w.h[7])));
-         }},
-        {fixed, [](World& w) { put(w, to_text(w.h.back())); }}}},
-    {"Interning", {
-        {fixed, make},
-        {naming, intern, 80},
-        {fixed, [](World& w) { for (unsigned long id : w.ids) w.out += w.m->get_symbol_value(id); }}}},
-    {"SharedNodes", {
-        {fixed, make},
-        {sharing, [](World& w) { w.h.push_back(w.m->sh_sym(w.h.size() + 1)); }, 60},
-        {sharing, extend, 70},
-        {fixed, [](World& w) { w.k = 0; }},
-        {sharing, extend, 70},
-        {fixed, [](World& w) { put(w, w.h[129] == w.h.back() && w.m->sh_sym(9) == w.h[8] ? "same" : "new"); }}}},
-    {"Printing", {
-        {fixed, make},
-        {building, [](World& w) { build(w, deep); }},
-        {fixed, [](World& w) { std::ostringstream os; os << w.h[0]; report(os); put(w, os.str()); }},
-        {fixed, [](World& w) { std::ostringstream os; w.h[0].print(os << std::hex); report(os); put(w, os.str()); }},
-        {fixed, [](World& w) { put(w, w.h[0].debug_to_str()); }},
-        {fixed, [](World& w) { put(w, to_text(w.h[0])); }},
-        {fixed, [](World& w) { std::ostringstream os; write_text(os, w.h[0]); report(os); put(w, os.str()); }}}},
-    {"MatchingAndInstantiation", {
-        {fixed, make},
-        {building, [](World& w) { build(w, words("X", 0, 30, " ") + pattern + expr + "(f X0 X0 X0) (g X1) X2 (r X1 (s X2))"); }},
-        {matching, [](World& w) { w.mt.emplace(std::vector<Sexp>(w.h.begin(), w.h.begin() + 20)); }},
-        {matching, [](World& w) { w.mt->add_var(w.h[20 + w.k]), ++w.k; }, 10},
-        {matching, [](World& w) { w.mt->put(w.h[3], w.h[31]); put(w, to_text(w.mt->get(w.h[3]))); w.mt->erase(w.h[3]); }},
-        {matching, [](World& w) { put(w, w.mt->match(w.h[32], w.h[31]) ? "T" : "F"); }},
-        {matching, [](World& w) { w.out += char('A' + w.mt->match(std::vector<Sexp>(w.h.begin() + 32, w.h.end()), w.h[31])); }},
-        {matching, [](World& w) { put(w, w.mt->match(w.h[30], w.h[31]) ? "T" : "F"); }},
-        {building, [](World& w) { put(w, instantiate(*w.m, w.h[30], *w.mt) == w.h[31] ? "=" : "!"); }},
-        {building, [](World& w) { put(w, to_text(instantiate(*w.m, w.h[35], *w.mt))); }}}},
-    {"Parsing", {
-        {fixed, make},
-        {building, [](World& w) {
-           std::string s;
-           for (const Sexp& e : parse_all(*w.m, "; note\n(a b . c) () |x\\|y| #42 (|| |#7| \\\\z)" + pattern)) s += to_text(e);
-           put(w, s);
-         }},
-        {building, [](World& w) { put(w, to_text(parse(*w.m, deep))); }},
-        {fixed, [](World& w) { try { parse(*w.m, "(a (b"); } catch (const ParseError& e) { put(w, e.what()); } }}}},
+    {"PlainNodes",
+     {{fixed, [](World& w) { w.h.push_back(w.m->sym(w.h.size() + 1)); }, 1023},
+      {fixed, [](World& w) { w.h.push_back(w.m->cons(w.h[0], w.h[1])); }},  // a second chunk
+      // The second chunk has room: no allocation until the text is written.
+      {fixed, [](World& w) { w.h.push_back(w.m->cons(w.h.back(), w.m->nil())); }},
+      {fixed, [](World& w) { w.h.back().setcar(w.h[2]); }},
+      {fixed, [](World& w) { w.h[1023].setcdr(w.h[3]); }},
+      {fixed, [](World& w) { w.m->free_sexp(w.m->alloc_sexp()); }},
+      {fixed, [](World& w) { w.h.resize(900); }},
+      {fixed, [](World& w) { w.h.push_back(w.m->cons(w.h[5], w.m->cons(w.h[6], w.h[7]))); }},
+      {fixed, [](World& w) { w.put(to_text(w.h.back())); }}}},
+    {"Interning",
+     {{names, intern, 80},
+      {fixed, [](World& w) { w.out += w.m->get_symbol_value(w.ids[w.k++]); }, 80}}},
+    {"SharedNodes",  // past the first chunk's 1024 nodes: sh_cons then needs a slot
+     {{sharing, [](World& w) { w.h.push_back(w.m->sh_sym(w.h.size() + 1)); }, 1000},
+      {sharing, extend, 70},
+      {fixed, [](World& w) { w.k = 0; }},
+      {sharing, extend, 70},
+      {fixed, [](World& w) { w.put(w.h[1069] == w.h.back() ? "same" : "new"); }},
+      {fixed, [](World& w) { w.put(w.m->sh_sym(9) == w.h[8] ? "same" : "new"); }}}},
+    {"Printing",
+     {{building, [](World& w) { w.build(deep); }},
+      {fixed, [](World& w) { w.write([&](std::ostream& os) { os << w.h[0]; }); }},
+      {fixed, [](World& w) { w.write([&](std::ostream& os) { w.h[0].print(os << std::hex); }); }},
+      {fixed, [](World& w) { w.put(w.h[0].debug_to_str()); }},
+      {fixed, [](World& w) { w.put(to_text(w.h[0])); }},
+      {fixed, [](World& w) { w.write([&](std::ostream& os) { write_text(os, w.h[0]); }); }}}},
+    {"MatchingAndInstantiation",
+     {{building, [](World& w) { w.build(matched); }},
+      {counts, [](World& w) { w.mt.emplace(std::vector<Sexp>(w.h.begin(), w.h.begin() + 20)); }},
+      {counts, [](World& w) { w.mt->add_var(w.h[20 + w.k]), ++w.k; }, 10},  // k on success
+      {counts, [](World& w) { w.mt->put(w.h[3], w.h[31]); }},
+      {counts, [](World& w) { w.put(to_text(w.mt->get(w.h[3]))); }},
+      {counts, [](World& w) { w.mt->erase(w.h[3]); }},
+      {counts, [](World& w) { w.put(w.mt->match(w.h[32], w.h[31]) ? "T" : "F"); }},
+      {counts,
+       [](World& w) {
+         w.out += "ABCDE"[w.mt->match({w.h.end() - 4, w.h.end()}, w.h[31])];
+       }},
+      {counts, [](World& w) { w.put(w.mt->match(w.h[30], w.h[31]) ? "T" : "F"); }},
+      {building, [](World& w) { w.put(instantiate(*w.m, w.h[30], *w.mt) == w.h[31] ? "=" : "!"); }},
+      {building, [](World& w) { w.put(to_text(instantiate(*w.m, w.h[35], *w.mt))); }}}},
+    {"Parsing",
+     {{building, [](World& w) { w.build(assorted); }},
+      {fixed, write_all},
+      {building, [](World& w) { w.put(to_text(parse(*w.m, deep))); }},
+      {fixed, parse_error}}},
 };
 
-struct Snap {
-  std::int64_t next_id = 0, shared = 0, entries = 0, names = 0;
-  std::array<std::uint32_t, 32> counts{};
-};
+// The state a failed step may change only as its Allow says: the next id, the canonical nodes,
+// the entries and the names of the name table, then the counts of the first 32 handles held.
+using Snap = std::array<std::int64_t, 36>;
 Snap snap(World& w) {
-  if (!w.m) return {};
-  Snap s{I::next_id(*w.m), std::int64_t(I::shared_size(*w.m)), std::int64_t(I::symbol_size(*w.m)),
-         std::int64_t(I::name_count(*w.m)), {}};
-  for (std::size_t i = 0; i < s.counts.size() && i < w.h.size(); ++i) s.counts[i] = w.h[i].get()->refcount;
+  Snap s{};
+  if (!w.m) return s;
+  s = {I::next_id(*w.m), std::int64_t(I::shared_size(*w.m)), std::int64_t(I::symbol_size(*w.m)),
+       std::int64_t(I::name_count(*w.m))};
+  for (std::size_t i = 0; i < 32 && i < w.h.size(); ++i) s[4 + i] = w.h[i].get()->refcount;
   return s;
 }
 
@@ -162,14 +183,15 @@ Snap snap(World& w) {
 std::size_t check_failed(World& w, const Snap& before, unsigned allow) {
   if (!w.m) return 0;  // construction failed: no manager exists
   const Snap after = snap(w);
-  const std::int64_t canonical = after.shared - before.shared;
-  const std::int64_t stranded = after.next_id - before.next_id - canonical;
-  const std::int64_t entries = after.entries - before.entries, listed = after.names - before.names - entries;
-  EXPECT_TRUE(allow & Allow::canonical ? canonical >= 0 : canonical == 0) << canonical << " canonical nodes";
+  const std::int64_t canonical = after[1] - before[1], stranded = after[0] - before[0] - canonical;
+  const std::int64_t entries = after[2] - before[2], listed = after[3] - before[3] - entries;
+  EXPECT_TRUE(allow & Allow::canonical ? canonical >= 0 : canonical == 0)
+      << canonical << " canonical";
   EXPECT_TRUE(stranded == 0 || (allow & strand && stranded == 1)) << stranded << " ids taken";
-  EXPECT_TRUE(allow & names ? entries >= 0 && (listed == 0 || listed == 1) : entries == 0 && listed == 0)
+  EXPECT_TRUE(allow & names ? entries >= 0 && (listed == 0 || listed == 1)
+                            : entries == 0 && listed == 0)
       << entries << " names entered, " << listed << " more listed";
-  EXPECT_TRUE(allow & counts || after.counts == before.counts) << "counts of the handles held changed";
+  EXPECT_TRUE(allow & counts || std::equal(&after[4], after.end(), &before[4])) << "counts changed";
   for (unsigned long id : w.ids) EXPECT_EQ(w.m->make_symbol(w.m->get_symbol_value(id)), id);
   return stranded > 0 ? std::size_t(stranded) : 0;
 }
@@ -178,40 +200,39 @@ std::size_t check_failed(World& w, const Snap& before, unsigned allow) {
 // number of calls made and the workload's output.
 std::pair<std::size_t, std::string> run(const Workload& wl, std::size_t fail, bool onwards) {
   World w;
+  std::vector<Step> steps{{fixed, [](World& w) { w.m.emplace(); }}};
+  steps.insert(steps.end(), wl.steps.begin(), wl.steps.end());
   MallocProbe probe(true);
   probe.fail_at(fail, onwards ? MallocProbe::forever : 1);
   std::size_t stranded = 0, dead_chunks = 0;
-  for (std::size_t i = 0; i < wl.steps.size(); ++i) {
-    for (int t = 0; t < wl.steps[i].times; ++t) {
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    for (int t = 0; t < steps[i].times; ++t) {
       const Snap before = snap(w);
       const std::size_t failures = probe.failures();
-      std::string outcome;  // the exception the step threw, if any
+      bool threw = false;
       try {
-        wl.steps[i].run(w);
-      } catch (const std::bad_alloc&) {
-        outcome = "std::bad_alloc";
-      } catch (...) {
-        outcome = "another exception";
+        steps[i].run(w);
+      } catch (const std::bad_alloc&) {  // any other exception fails the test as it passes
+        threw = true;
       }
       const bool failed = probe.failures() != failures;
-      if (outcome.empty() && !failed) continue;
+      if (!threw && !failed) continue;
       probe.fail_at(0, 0);  // everything from here on succeeds
-      EXPECT_TRUE(failed && outcome == "std::bad_alloc")
-          << "step " << i << ": " << (failed ? "a failed allocation gave " : "no failed allocation, yet ")
-          << (outcome.empty() ? "no exception" : outcome);
-      if (outcome.empty()) continue;
+      EXPECT_EQ(threw, failed) << "step " << i << (threw ? " threw unprompted" : " hid a failure");
+      if (!threw) continue;
       SCOPED_TRACE("failed in step " + std::to_string(i) + " (" + std::to_string(t) + ")");
-      stranded += check_failed(w, before, wl.steps[i].allow);
+      stranded += check_failed(w, before, steps[i].allow);
       if (!w.m) dead_chunks = probe.granted(node_chunk_bytes);  // freed with the failed manager
       const std::size_t retry = probe.calls();
-      wl.steps[i].run(w);  // the manager is fully usable: the step now succeeds
+      steps[i].run(w);  // the manager is fully usable: the step now succeeds
       bool asked_again = false;
-      for (std::size_t c = retry; c < probe.calls(); ++c) asked_again |= probe.size(c) == probe.size(fail);
-      EXPECT_TRUE(asked_again) << "the retry never asked for the " << probe.size(fail) << " bytes again";
+      for (auto c = retry; c < probe.calls(); ++c) asked_again |= probe.size(c) == probe.size(fail);
+      EXPECT_TRUE(asked_again) << "the retry never asked for " << probe.size(fail) << " bytes";
     }
   }
   w.mt.reset(), w.h.clear();
-  const std::size_t in_use = (probe.granted(node_chunk_bytes) - dead_chunks) * 1024 - I::free_slots(*w.m);
+  const std::size_t in_use =
+      (probe.granted(node_chunk_bytes) - dead_chunks) * 1024 - I::free_slots(*w.m);
   EXPECT_EQ(in_use, I::shared_size(*w.m) + stranded) << "slots in use once every handle is gone";
   return {probe.calls(), w.out};
 }
@@ -225,14 +246,14 @@ TEST_P(AllocFailure, EveryAllocationFailsInTurn) {
   std::printf("[ points   ] %s: %zu allocation calls\n", GetParam().name, clean.first);
   for (std::size_t n = 0; n < clean.first && !HasFailure(); ++n) {
     for (bool onwards : {false, true}) {
-      SCOPED_TRACE("call " + std::to_string(n) + (onwards ? " and every later call" : " alone") + " failing");
+      SCOPED_TRACE("call " + std::to_string(n) + (onwards ? " and later ones fail" : " fails"));
       EXPECT_EQ(run(GetParam(), n, onwards).second, clean.second) << "results after recovering";
     }
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Workloads, AllocFailure, testing::ValuesIn(workloads),
-                         [](const testing::TestParamInfo<Workload>& info) { return info.param.name; });
+                         [](const auto& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace vorn

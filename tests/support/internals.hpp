@@ -12,7 +12,6 @@ namespace vorn::detail {
 struct SexpManagerInternals {
   static std::uint32_t& next_id(SexpManager& m) { return m.next_id; }
   static std::size_t shared_size(const SexpManager& m) { return m.shared_table.size(); }
-  static std::size_t shared_buckets(const SexpManager& m) { return m.shared_table.bucket_count(); }
   static std::size_t symbol_size(const SexpManager& m) { return m.symbol_table.size(); }
   static std::size_t symbol_buckets(const SexpManager& m) { return m.symbol_table.bucket_count(); }
   static std::size_t name_count(const SexpManager& m) { return m.symbol_names.size(); }

@@ -30,8 +30,9 @@ void* probed(std::size_t size, bool is_new) {
   return nullptr;
 }
 
+void* new_or_null(std::size_t size) noexcept { return probed(size == 0 ? 1 : size, true); }
 void* new_or_throw(std::size_t size) {
-  void* p = probed(size == 0 ? 1 : size, true);
+  void* p = new_or_null(size);
   if (p == nullptr) throw std::bad_alloc();
   return p;
 }
@@ -45,8 +46,8 @@ extern "C" void* __wrap_malloc(std::size_t size) {  // NOLINT(bugprone-reserved-
 // malloc and free, so that sanitizers and memcheck see matching pairs.
 void* operator new(std::size_t size) { return new_or_throw(size); }
 void* operator new[](std::size_t size) { return new_or_throw(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return probed(size == 0 ? 1 : size, true); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return probed(size == 0 ? 1 : size, true); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return new_or_null(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return new_or_null(size); }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
@@ -58,7 +59,7 @@ namespace vorn::test {
 
 MallocProbe::MallocProbe(bool count_new_calls) noexcept {
   assert(!active && "one MallocProbe at a time");
-  reset();
+  call_count = failure_count = fail_begin = fail_end = 0;
   count_new = count_new_calls;
   active = true;
 }
@@ -68,7 +69,6 @@ MallocProbe::~MallocProbe() {
   fail_end = 0;
 }
 
-void MallocProbe::fail_next(std::size_t n) noexcept { fail_at(call_count, n); }
 void MallocProbe::fail_at(std::size_t first, std::size_t n) noexcept {
   fail_begin = first;
   fail_end = n > forever - first ? forever : first + n;
@@ -80,12 +80,9 @@ std::size_t MallocProbe::size(std::size_t i) const noexcept {
 }
 std::size_t MallocProbe::granted(std::size_t bytes) const noexcept {
   std::size_t n = 0;
-  for (std::size_t i = 0; i < call_count && i < capacity; ++i) n += sizes[i] == bytes && kinds[i] == 0;
+  for (std::size_t i = 0; i < call_count && i < capacity; ++i)
+    n += sizes[i] == bytes && kinds[i] == 0;
   return n;
-}
-void MallocProbe::reset() noexcept {
-  call_count = failure_count = 0;
-  fail_begin = fail_end = 0;
 }
 
 }  // namespace vorn::test

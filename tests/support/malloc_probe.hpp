@@ -25,20 +25,17 @@ class MallocProbe {
   MallocProbe(const MallocProbe&) = delete;
   MallocProbe& operator=(const MallocProbe&) = delete;
 
-  /// The next `n` calls fail (and are still counted).
-  void fail_next(std::size_t n = 1) noexcept;
-  /// Calls `first` .. `first + n - 1` (0-based) fail; `n` == forever fails all from `first`
-  /// on; `n` == 0 fails none.
+  /// Calls `first` .. `first + n - 1` (0-based) fail (and are still counted); `n` == forever
+  /// fails all from `first` on; `n` == 0 fails none.
   void fail_at(std::size_t first, std::size_t n = 1) noexcept;
-  /// Calls seen since construction or reset().
+  /// Calls seen since construction.
   std::size_t calls() const noexcept;
-  /// Calls made to fail since construction or reset().
+  /// Calls made to fail since construction.
   std::size_t failures() const noexcept;
   /// Size asked for by call `i` (0-based).
   std::size_t size(std::size_t i) const noexcept;
   /// Number of recorded malloc calls (not operator new) of exactly `bytes` that succeeded.
   std::size_t granted(std::size_t bytes) const noexcept;
-  void reset() noexcept;
 };
 
 }  // namespace vorn::test

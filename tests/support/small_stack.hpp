@@ -3,14 +3,28 @@
 #ifndef VORN_TESTS_SUPPORT_SMALL_STACK_HPP
 #define VORN_TESTS_SUPPORT_SMALL_STACK_HPP
 
-#include <cstddef>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
 #include <functional>
 
 namespace vorn::test {
 
-/// Runs `body` to completion on a new thread whose stack is `stack_bytes` (256 KiB by
-/// default). GoogleTest assertions inside `body` report as usual.
-void run_on_small_stack(const std::function<void()>& body, std::size_t stack_bytes = 256 * 1024);
+/// Runs `body` to completion on a new thread whose stack is 256 KiB. GoogleTest assertions
+/// inside `body` report as usual.
+inline void run_on_small_stack(const std::function<void()>& body) {
+  pthread_attr_t attr;
+  ASSERT_EQ(pthread_attr_init(&attr), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
+  pthread_t thread;
+  auto run = [](void* f) -> void* {
+    (*static_cast<const std::function<void()>*>(f))();
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attr, run, const_cast<std::function<void()>*>(&body)), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attr);
+}
 
 }  // namespace vorn::test
 

@@ -45,12 +45,8 @@ Result Vorn(const std::vector<std::string>& args, const std::string& input) {
 TEST(VornCli, ExitStatusOutputAndErrors) {
   const std::string rules = Write(".rules", "; comment\n(rule (f ?x) (g ?x ?x))\n(rule a b)\n"),
                     bad = Write(".bad", "(rule a b)\n  (rul a b)");
-  const struct {
-    std::vector<std::string> args;
-    const char* input;
-    int status;
-    ::testing::Matcher<const std::string&> out, err;
-  } cases[] = {
+  using Text = ::testing::Matcher<const std::string&>;
+  const std::tuple<std::vector<std::string>, const char*, int, Text, Text> cases[] = {
       // clang-format off
       {{"print", "(f x)", "x"}, "", 0,  // each text on its own lines
        AllOf(StartsWith("{4}[2](cons\n  {1}[2]<1>|f|\n"),
@@ -78,9 +74,9 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
                            "[0-9]+ sharing hits, [0-9]+ memo hits, [0-9.]+ ms\n$")), ""},
       // clang-format on
   };
-  for (const auto& c : cases) {
-    EXPECT_THAT(Vorn(c.args, c.input), ::testing::FieldsAre(c.status, c.out, c.err))
-        << ::testing::PrintToString(c.args);
+  for (const auto& [args, input, status, out, err] : cases) {
+    EXPECT_THAT(Vorn(args, input), ::testing::FieldsAre(status, out, err))
+        << ::testing::PrintToString(args);
   }
   for (const char* name : {".rules", ".bad"}) Take(name);
 }
