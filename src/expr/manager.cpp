@@ -47,7 +47,7 @@ unsigned long SexpManager::make_symbol(const char* name) {
   std::size_t len;
   const std::uint64_t h = hsh::hash<char*>::of(name, len);
   const auto* known = symbol_table.find_item(
-      h, [name](const std::pair<const char*, unsigned long>& e) { return CStr_eq()(e.first, name); });
+      h, [name](const auto& entry) { return CStr_eq()(entry.first, name); });
   if (known != nullptr) return known->second;
 
   auto* copy = static_cast<char*>(std::malloc(len + 1));

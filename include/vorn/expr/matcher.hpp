@@ -83,7 +83,8 @@ class SexpMatcher {
 
   // The answer of `vars`; most symbols are no variable, and the filter says so first.
   bool is_var(const Sexp_* n) const {
-    return n->is_symbol != 0 && ((var_filter >> (n->value & 63)) & 1) != 0 && vars.contains(n->value);
+    return n->is_symbol != 0 && ((var_filter >> (n->value & 63)) & 1) != 0 &&
+           vars.contains(n->value);
   }
   bool heads_differ(const Sexp_* pattern, const Sexp_* expr) const;
   void release_stack() noexcept;

@@ -80,7 +80,8 @@ struct KeyPrefetch {
   static void run(const Key&, int) noexcept {}
 };
 template <class Hash, class Key>
-struct KeyPrefetch<Hash, Key, std::void_t<decltype(Hash::prefetch(std::declval<const Key&>(), 0))>> {
+struct KeyPrefetch<Hash, Key,
+                   std::void_t<decltype(Hash::prefetch(std::declval<const Key&>(), 0))>> {
   static void run(const Key& key, int stage) noexcept { Hash::prefetch(key, stage); }
 };
 
@@ -218,10 +219,8 @@ class Hashtable {
   iterator find(const Key& key) {
     if (count == 0) return end();
     const std::uint64_t index = bucket_of(Hash()(key));
-    for (Bucket* b = buckets[index]; b != nullptr; b = b->next) {
-      if (Eq()(GetKey()(b->item), key)) return iterator(&buckets, buckets.size(), index, b);
-    }
-    return end();
+    Bucket* b = walk(index, equal_key(key));
+    return b != nullptr ? iterator(&buckets, buckets.size(), index, b) : end();
   }
 
   /// Inserts `v` unless an element with an equal key is stored: (new position, true)
@@ -231,43 +230,25 @@ class Hashtable {
     grow_if_loaded();
     const Key& key = GetKey()(v);
     const std::uint64_t index = bucket_of(Hash()(key));
-    for (Bucket* b = buckets[index]; b != nullptr; b = b->next) {
-      if (Eq()(GetKey()(b->item), key)) return {iterator(&buckets, buckets.size(), index, b), false};
+    if (Bucket* b = walk(index, equal_key(key))) {
+      return {iterator(&buckets, buckets.size(), index, b), false};
     }
     return {link_new(index, v), true};
   }
 
   /// Whether an element with key `key` is stored: find(key) != end() without positions.
   bool contains(const Key& key) const {
-    if (count == 0) return false;
-    for (const Bucket* b = buckets[bucket_of(Hash()(key))]; b != nullptr; b = b->next) {
-      if (Eq()(GetKey()(b->item), key)) return true;
-    }
-    return false;
+    return count != 0 && walk(bucket_of(Hash()(key)), equal_key(key)) != nullptr;
   }
 
-  /// The stored element that `matches`, looked for in the chain of hash `h`, or null: the
-  /// walk of find_hashed() without building a position.
+  /// For owners that can hash and compare a key they have not built as a `Key`: the stored
+  /// element that `matches`, or null. `h` must be the hash `Hash` gives that key, and
+  /// `matches(item)` must say what `Eq` would. Like find(), an empty table answers at once.
   template <class Matches>
   Value* find_item(std::uint64_t h, Matches matches) {
     if (count == 0) return nullptr;
-    for (Bucket* b = buckets[bucket_of(h)]; b != nullptr; b = b->next) {
-      if (matches(b->item)) return &b->item;
-    }
-    return nullptr;
-  }
-
-  /// find() for owners that can hash and compare a key they have not built as a `Key`:
-  /// `h` must be the hash `Hash` gives that key, and `matches(item)` must say what
-  /// `Eq` would. Like find(), an empty table answers without looking.
-  template <class Matches>
-  iterator find_hashed(std::uint64_t h, Matches matches) {
-    if (count == 0) return end();
-    const std::uint64_t index = bucket_of(h);
-    for (Bucket* b = buckets[index]; b != nullptr; b = b->next) {
-      if (matches(b->item)) return iterator(&buckets, buckets.size(), index, b);
-    }
-    return end();
+    Bucket* b = walk(bucket_of(h), matches);
+    return b != nullptr ? &b->item : nullptr;
   }
 
   /// insert() of an element whose key is known to be absent and whose hash is `h`:
@@ -331,12 +312,26 @@ class Hashtable {
   std::size_t bucket_count() const noexcept { return buckets.size(); }
 
  private:
+  // The first node of chain `index` whose item `matches`, or null.
+  template <class Matches>
+  Bucket* walk(std::uint64_t index, Matches matches) const {
+    for (Bucket* b = buckets[index]; b != nullptr; b = b->next) {
+      if (matches(b->item)) return b;
+    }
+    return nullptr;
+  }
+  static auto equal_key(const Key& key) {
+    return [&key](const Value& item) { return Eq()(GetKey()(item), key); };
+  }
+
   static constexpr std::size_t rehash_batch = 16;  // nodes gathered before they are linked
 
   // Puts the `k` gathered nodes, in order, at the front of their chains; empties the batch.
   void relink(Bucket* const* gathered, std::size_t& k) noexcept {
     std::uint64_t index[rehash_batch];
-    for (std::size_t i = 0; i < k; ++i) detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[i]->item), 1);
+    for (std::size_t i = 0; i < k; ++i) {
+      detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[i]->item), 1);
+    }
     for (std::size_t i = 0; i < k; ++i) {
       index[i] = bucket_of(Hash()(GetKey()(gathered[i]->item)));
       detail::prefetch(&buckets[index[i]]);
@@ -349,7 +344,9 @@ class Hashtable {
   }
 
   // h modulo the bucket count.
-  std::uint64_t bucket_of(std::uint64_t h) const noexcept { return detail::bucket_index(h, prime_at); }
+  std::uint64_t bucket_of(std::uint64_t h) const noexcept {
+    return detail::bucket_index(h, prime_at);
+  }
 
   // The load test of every insert, detail::loaded(count, bucket count), as one comparison
   // with its precomputed threshold (same outcome for every count).
@@ -369,8 +366,8 @@ class Hashtable {
   std::vector<Bucket*> buckets;  // chain heads; size() is always an entry of primes
   std::uint64_t count = 0;       // elements stored == nodes in all chains
   // Derived from the bucket count, kept beside it so that no operation divides:
-  std::size_t prime_at = 0;      // buckets.size() == primes[prime_at]
-  std::uint64_t grow_at;         // == detail::growth_threshold(buckets.size())
+  std::size_t prime_at = 0;  // buckets.size() == primes[prime_at]
+  std::uint64_t grow_at;     // == detail::growth_threshold(buckets.size())
 };
 
 }  // namespace hsh
