@@ -68,6 +68,11 @@ unsigned long SexpManager::make_symbol(const char* name) {
   return id;
 }
 
+std::uint64_t SexpManager::make_string(std::string_view content) {
+  if (strings == nullptr) strings = std::make_unique<StringTable>();
+  return string_tag | strings->intern(content);
+}
+
 Sexp& SexpManager::strhash(Sexp& s) {
   Sexp_* fresh = s.node;
   auto found = shared_table.find(fresh);

@@ -119,6 +119,16 @@ void write_symbol(Sink& out, const Sexp_* n) {
   out.ch('>');
   const char* name = n->mgr != nullptr ? n->mgr->get_symbol_value(n->value) : nullptr;
   if (name == nullptr) {
+    // A string atom shows its contents between double quotes, `"` and `\` escaped.
+    if (const auto str = n->mgr != nullptr ? n->mgr->get_string(n->value) : std::nullopt) {
+      out.ch('"');
+      for (const char c : *str) {
+        if (c == '"' || c == '\\') out.ch('\\');
+        out.ch(c);
+      }
+      out.ch('"');
+      return;
+    }
     out.ch('?');
     return;
   }

@@ -1,6 +1,8 @@
 // Reading S-expression text into canonical nodes.
 #include "vorn/text/parse.hpp"
 
+#include "scan.hpp"
+
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -100,11 +102,20 @@ class Reader {
  public:
   Reader(SexpManager* m, std::string_view text) noexcept : m_(m), text_(text) {}
 
+  // Checking only: stop once the first top-level expression is complete, leaving its end
+  // in `first_end` (0 when there is none).
+  void stop_after_first() noexcept { stop_after_first_ = true; }
+  std::size_t first_end = 0;
+
   void run() {
     const char* const s = text_.data();
     const std::size_t n = text_.size();
     std::size_t i = 0;
     for (;;) {
+      if (stop_after_first_ && count == 1 && frames_.empty()) {
+        first_end = i;
+        return;
+      }
       while (i < n && class_of(s[i]) == space) ++i;
       if (i == n) break;
       switch (class_of(s[i])) {
@@ -258,6 +269,7 @@ class Reader {
     return i + 1;
   }
 
+  bool stop_after_first_ = false;
   SexpManager* m_;  // null in the checking pass
   std::string_view text_;
   std::vector<Frame> frames_;  // open lists, innermost last
@@ -266,7 +278,44 @@ class Reader {
 
 }  // namespace
 
-Sexp parse(SexpManager& m, std::string_view text) {
+namespace detail {
+
+// An error reported at the very end of the text (an unterminated list or |name|) is one
+// that more input could mend; so is a word that reaches the end, which might go on.
+Scan scan_first(std::string_view text, Dialect /*dialect*/, bool final) {
+  std::size_t begin = 0;
+  while (begin < text.size()) {
+    const unsigned char c = class_of(text[begin]);
+    if (c == space) {
+      ++begin;
+    } else if (c == comment) {
+      const void* nl = std::memchr(text.data() + begin, '\n', text.size() - begin);
+      if (nl == nullptr) return {final ? Scan::none : Scan::incomplete, final ? text.size() : begin,
+                                 text.size()};
+      begin = static_cast<std::size_t>(static_cast<const char*>(nl) - text.data()) + 1;
+    } else {
+      break;
+    }
+  }
+  if (begin == text.size()) return {Scan::none, begin, text.size()};
+  Reader<false> check(nullptr, text);
+  check.stop_after_first();
+  try {
+    check.run();
+  } catch (const ParseError& e) {
+    if (final) throw;
+    const Position end = position_of(text, text.size());
+    if (e.line() == end.line && e.column() == end.column) return {Scan::incomplete, begin, text.size()};
+    throw;
+  }
+  if (!final && check.first_end == text.size() && class_of(text.back()) == word)
+    return {Scan::incomplete, begin, text.size()};
+  return {Scan::expression, begin, check.first_end};
+}
+
+}  // namespace detail
+
+Sexp parse(SexpManager& m, std::string_view text, const ReadOptions& /*options*/) {
   Reader<false> check(nullptr, text);
   check.run();
   if (check.count == 0) fail(text, text.size(), "expected an expression, found end of input");
@@ -278,7 +327,8 @@ Sexp parse(SexpManager& m, std::string_view text) {
   return build.items.front();
 }
 
-std::vector<Sexp> parse_all(SexpManager& m, std::string_view text) {
+std::vector<Sexp> parse_all(SexpManager& m, std::string_view text,
+                            const ReadOptions& /*options*/) {
   Reader<false> check(nullptr, text);
   check.run();
   Reader<true> build(&m, text);

@@ -148,13 +148,13 @@ void write_expr(Out& out, const Sexp_* root) {
 
 }  // namespace
 
-void write_text(std::ostream& os, const Sexp& e) {
+void write_text(std::ostream& os, const Sexp& e, const WriteOptions& /*options*/) {
   Out out(&os);
   write_expr(out, e.get());
   out.flush();
 }
 
-std::string to_text(const Sexp& e) {
+std::string to_text(const Sexp& e, const WriteOptions& /*options*/) {
   Out out(nullptr);
   write_expr(out, e.get());
   return std::move(out.text());

@@ -4,11 +4,15 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <optional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "vorn/expr/sexp.hpp"
+#include "vorn/expr/string_table.hpp"
 #include "vorn/support/hashtable.hpp"
 #include "vorn/support/memory_pool.hpp"
 
@@ -143,6 +147,32 @@ class SexpManager {
     return id < symbol_names.size() ? symbol_names[id] : nullptr;
   }
 
+  // ---- string atoms ----------------------------------------------------------------
+  //
+  // A string atom is a symbol node whose value is `string_tag` plus the index of its
+  // content in the manager's string table: it is never the symbol of the same bytes,
+  // and equal contents share one canonical node through sh_sym like any symbol. The
+  // string table is made on the first make_string, so a manager that never makes one
+  // takes no memory for it.
+
+  /// The bit that marks a symbol value as a string atom's.
+  static constexpr std::uint64_t string_tag = std::uint64_t{1} << 63;
+
+  /// The symbol value of the string atom with these contents (any bytes), interning a
+  /// copy of them on first sight.
+  std::uint64_t make_string(std::string_view content);
+
+  /// The contents of the string atom of symbol value `value`, or nothing when `value`
+  /// names no string of this manager. Valid as long as the manager.
+  std::optional<std::string_view> get_string(std::uint64_t value) const noexcept {
+    if ((value & string_tag) == 0 || strings == nullptr || !strings->contains(value & ~string_tag))
+      return std::nullopt;
+    return strings->at(value & ~string_tag);
+  }
+
+  /// The canonical string atom of `content`.
+  Sexp sh_string(std::string_view content) { return sh_sym(make_string(content)); }
+
   // ---- shared nodes ----------------------------------------------------------------
 
   /// Makes `s`, which holds the node this manager made last, hold the canonical node
@@ -227,6 +257,7 @@ class SexpManager {
   MemoryPool<32, false> sexp_pool{1024, 1.0f, 0};  // every node of this manager
   Sexp_* nil_node = nullptr;          // id 0, value 0; never null once constructed
   SharedTable shared_table;           // canonical nodes, each holding one reference
+  std::unique_ptr<StringTable> strings;  // string atom contents; made on first use
 
   // True while, for every canonical cons, comparing its children with two nodes of this
   // manager by address gives the same answer as comparing them by id (the shape's

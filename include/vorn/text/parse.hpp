@@ -10,6 +10,7 @@
 
 #include "vorn/expr/manager.hpp"
 #include "vorn/expr/sexp.hpp"
+#include "vorn/text/dialect.hpp"
 
 namespace vorn {
 
@@ -50,10 +51,11 @@ class ParseError : public std::runtime_error {
 /// once the text is known to be well formed: at the second expression's start, or at
 /// the end when there is none. Memory exhaustion while building throws std::bad_alloc;
 /// canonical nodes and names made before it stay, as canonical nodes always do.
-Sexp parse(SexpManager& m, std::string_view text);
+Sexp parse(SexpManager& m, std::string_view text, const ReadOptions& options = {});
 
 /// Zero or more expressions, in order; same grammar and guarantees as parse.
-std::vector<Sexp> parse_all(SexpManager& m, std::string_view text);
+std::vector<Sexp> parse_all(SexpManager& m, std::string_view text,
+                            const ReadOptions& options = {});
 
 }  // namespace vorn
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "vorn/expr/sexp.hpp"
+#include "vorn/text/dialect.hpp"
 
 namespace vorn {
 
@@ -22,10 +23,10 @@ namespace vorn {
 /// The text goes to the stream unformatted (width, base and locale do not apply) in
 /// pieces of about 16 KiB. While writing, open conses carry a mark in their `mgr` word;
 /// every mark is gone when the call returns or throws.
-void write_text(std::ostream& os, const Sexp& e);
+void write_text(std::ostream& os, const Sexp& e, const WriteOptions& options = {});
 
 /// The text write_text writes.
-std::string to_text(const Sexp& e);
+std::string to_text(const Sexp& e, const WriteOptions& options = {});
 
 }  // namespace vorn
 

@@ -1,0 +1,33 @@
+// Finding where the first top-level expression of a text ends, without building it: what
+// a reader over a stream needs to cut its input into expressions.
+#ifndef VORN_SRC_TEXT_SCAN_HPP
+#define VORN_SRC_TEXT_SCAN_HPP
+
+#include <cstddef>
+#include <string_view>
+
+#include "vorn/text/dialect.hpp"
+
+namespace vorn::detail {
+
+struct Scan {
+  enum Kind : unsigned char {
+    expression,  ///< text[begin, end) is the first expression, complete and well formed
+    none,        ///< only white space and comments: no expression begins in the text
+    incomplete,  ///< an expression, string or comment begins at `begin` and runs past the
+                 ///< end of the text; more input may complete it (never when `final`)
+  };
+  Kind kind;
+  std::size_t begin;  ///< where the expression (or the unfinished part) starts
+  std::size_t end;    ///< expression: one past its last byte; otherwise text.size()
+};
+
+/// The first top-level expression of `text` in `dialect`. With `final` false the text may
+/// be continued by more input, so an expression, token or comment that reaches its end
+/// is reported incomplete rather than read or rejected. Bad text throws ParseError, with
+/// the line and column counted from the start of `text`. Makes no node: needs no manager.
+Scan scan_first(std::string_view text, Dialect dialect, bool final);
+
+}  // namespace vorn::detail
+
+#endif  // VORN_SRC_TEXT_SCAN_HPP
