@@ -58,12 +58,16 @@ Scan scan_in(std::string_view text, bool final) {
   try {
     check.run();
   } catch (const ParseError&) {
-    // An error at the very end (an unterminated list, string or comment), or in a token
-    // that reaches the end, is one that more input could mend.
+    // An error at the very end (an unterminated list, string or comment), or in a word
+    // that reaches the end (`#tr`, a lone `.` that may begin `.y`), is one that more
+    // input could mend.
     if (final) throw;
-    std::size_t i = check.error_at;
-    while (i < text.size() && !ends_word(D, text[i])) ++i;
-    if (i == text.size()) return {Scan::incomplete, check.lead, text.size()};
+    const auto reaches_end = [&](std::size_t i) {
+      while (i < text.size() && !ends_word(D, text[i])) ++i;
+      return i == text.size();
+    };
+    if (reaches_end(check.error_at) || reaches_end(check.token))
+      return {Scan::incomplete, check.lead, text.size()};
     throw;
   }
   if (check.count == 0) {

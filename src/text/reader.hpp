@@ -111,6 +111,7 @@ class Reader {
       while (i < n && class_of(s[i]) == space) ++i;
       if (i == n) break;
       if (stop_after_first_ && frames_.empty()) lead = i;
+      token = i;
       switch (class_of(s[i])) {
         case space:  // handled above
           break;
@@ -172,6 +173,7 @@ class Reader {
   std::size_t lead = 0;
   bool comment_at_end = false;
   std::size_t error_at = 0;  // the offset of the error thrown, if any
+  std::size_t token = 0;     // where the token read last (or being read) begins
 
  private:
   static unsigned char class_of(char c) noexcept {

@@ -59,6 +59,11 @@ constexpr char hex_digits[] = "0123456789abcdef";
 // `s` between `delim`s with the escapes of `style`: bytes that need none are copied in runs.
 void put_quoted(Out& out, std::string_view s, char delim, detail::Escapes style) {
   out.put(delim);
+  if (style == detail::Escapes::none) {  // the caller made sure `s` holds no delimiter
+    out.put(s);
+    out.put(delim);
+    return;
+  }
   std::size_t run = 0;
   for (std::size_t i = 0; i < s.size(); ++i) {
     const auto c = static_cast<unsigned char>(s[i]);
@@ -105,7 +110,7 @@ constexpr Form plain_list{"(", ")", false};
 struct Shape {
   const char* closer;
   std::size_t indent;  // pretty: the column of elements on lines of their own
-  bool first_line;     // pretty: no element of this list has begun a line yet
+  std::size_t line;    // pretty: the line the list opened on
 };
 
 class Writer {
@@ -211,7 +216,7 @@ class Writer {
     const Form form = form_of(n);
     out.put(form.opener);
     stack.push_back({n, n});
-    if (shaped_) shapes_.push_back({form.closer, col + options_.indent, true});
+    if (shaped_) shapes_.push_back({form.closer, col + options_.indent, lines_});
     detail::toggle_open(n);
     return form.implied_head ? nullptr : n->car;
   }
@@ -326,17 +331,17 @@ class Writer {
         }
         const Sexp_* e = next->car;
         bool same_line = fresh;
-        if (!fresh && shape.first_line && !continues(e)) {  // an atom: keep it up if it fits
+        if (!fresh && shape.line == lines_ && !continues(e)) {  // an atom: keep it up if it fits
           trial_.clear();
           e->is_symbol != 0 ? symbol(trial_, e) : trial_.put("#cycle");
           same_line = trial_.size() < room();
         }
-        shape.first_line = shape.first_line && same_line;
         if (!fresh) {
           if (same_line) {
             out_.put(' ');
           } else {
             out_.put('\n');
+            ++lines_;
             line_start = out_.written();
             for (std::size_t i = 0; i < shape.indent; ++i) out_.put(' ');
           }
@@ -365,6 +370,7 @@ class Writer {
   Out trial_{nullptr};  // pretty: a list or atom written flat to be measured
   std::vector<Frame> main_stack_, trial_stack_;
   std::vector<Shape> shapes_;  // one per open list of both stacks, when shaped_
+  std::size_t lines_ = 0;      // pretty: line breaks written so far
 };
 
 }  // namespace
