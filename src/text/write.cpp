@@ -1,6 +1,7 @@
 // Writing expressions as S-expression text, compact or laid out for people.
 #include "vorn/text/write.hpp"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <ostream>
@@ -254,14 +255,15 @@ class Writer {
     std::vector<Frame>& stack = Limited ? trial_stack_ : main_stack_;
     detail::OpenMarks<Frame> marks(stack);
     const std::size_t shapes_base = shapes_.size();
+    const auto give_up = [&] {
+      shapes_.resize(shapes_base);
+      return false;
+    };
     const Sexp_* n = root;  // the next element to write, null for none
     bool fresh = false;     // no element of the innermost list written yet
     for (;;) {
       if constexpr (Limited) {
-        if (out.size() > limit) {
-          shapes_.resize(shapes_base);
-          return false;
-        }
+        if (out.size() > limit) return give_up();
       } else {
         out.maybe_flush();
       }
@@ -271,6 +273,7 @@ class Writer {
           fresh = n == nullptr;
           if (!fresh) continue;
         } else {
+          if (Limited && too_wide(n, limit - std::min(limit, out.size()))) return give_up();
           n->is_symbol != 0 ? symbol(out, n) : out.put("#cycle");
         }
       }
@@ -353,6 +356,14 @@ class Writer {
         break;
       }
     }
+  }
+
+  // Whether atom `n` is a string wider than `room` bytes: a trial gives up before
+  // copying it, so a long string costs its length once, not once per enclosing list.
+  static bool too_wide(const Sexp_* n, std::size_t room) {
+    if (n->is_symbol == 0 || n->mgr == nullptr) return false;
+    const auto str = n->mgr->get_string(n->value);
+    return str && str->size() > room;
   }
 
   // Whether list `n` written flat takes at most `room` bytes; its text is left in trial_.
