@@ -53,8 +53,7 @@ namespace {
 
 template <Dialect D>
 Scan scan_in(std::string_view text, bool final) {
-  Reader<false, D> check(nullptr, text);
-  check.stop_after_first();
+  Reader<false, D, true> check(nullptr, text);
   try {
     check.run();
   } catch (const ParseError&) {

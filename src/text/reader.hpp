@@ -13,6 +13,12 @@
 #include "vorn/expr/manager.hpp"
 #include "vorn/text/parse.hpp"
 
+#if defined(__GNUC__)
+#define VORN_ALWAYS_INLINE [[gnu::always_inline]] inline
+#else
+#define VORN_ALWAYS_INLINE inline
+#endif
+
 namespace vorn::detail {
 
 // Errors are rare: the position is worked out from the byte offset only when one is thrown.
@@ -82,17 +88,18 @@ const char* opener(FrameKind kind) noexcept;
 // That split is what lets a failed call leave the manager exactly as it was: canonical
 // nodes live as long as their manager, so a node made before an error is discovered
 // could never be taken back.
-template <bool Build, Dialect D>
+//
+// With FirstOnly (checking only, for scan_first) it stops once the first top-level
+// expression is complete, and notes where things begin; parse and parse_all pay nothing
+// for that.
+template <bool Build, Dialect D, bool FirstOnly = false>
 class Reader {
+  static_assert(!(Build && FirstOnly), "only the checking pass stops after the first");
   static constexpr const Syntax& syntax = syntax_of(D);
   static constexpr bool scheme = D == Dialect::scheme;
 
  public:
   Reader(SexpManager* m, std::string_view text) noexcept : m_(m), text_(text) {}
-
-  // Checking only: stop once the first top-level expression is complete, leaving its end
-  // in `first_end` (0 when there is none).
-  void stop_after_first() noexcept { stop_after_first_ = true; }
 
   void run() {
     const char* const s = text_.data();
@@ -104,14 +111,16 @@ class Reader {
       }
     }
     for (;;) {
-      if (stop_after_first_ && frames_.empty() && count == 1) {
+      if (FirstOnly && frames_.empty() && count == 1) {
         first_end = i;
         return;
       }
       while (i < n && class_of(s[i]) == space) ++i;
       if (i == n) break;
-      if (stop_after_first_ && frames_.empty()) lead = i;
-      token = i;
+      if constexpr (FirstOnly) {
+        if (frames_.empty()) lead = i;
+        token = i;
+      }
       switch (class_of(s[i])) {
         case space:  // handled above
           break;
@@ -156,7 +165,7 @@ class Reader {
     }
     if (!frames_.empty()) {
       const Frame& f = frames_.back();
-      if (f.kind >= FrameKind::quote) missing_datum(n, f);
+      if (scheme && f.kind >= FrameKind::quote) missing_datum(n, f);
       fail(n, "unterminated list opened at " + where(text_, f.open));
     }
   }
@@ -166,21 +175,21 @@ class Reader {
   std::size_t count = 0;        // top-level expressions
   std::size_t first_begin = 0;  // offset where the first top-level expression begins
   std::size_t second = 0;       // offset where the second top-level expression begins
-  // With stop_after_first: where the first expression ends; where the first top-level
+  // With FirstOnly: where the first expression ends (0 when there is none); where the first top-level
   // thing not yet finished (expression or comment) began; whether a line comment ran to
   // the end of the text.
   std::size_t first_end = 0;
   std::size_t lead = 0;
   bool comment_at_end = false;
   std::size_t error_at = 0;  // the offset of the error thrown, if any
-  std::size_t token = 0;     // where the token read last (or being read) begins
+  std::size_t token = 0;     // FirstOnly: where the token read last (or being read) begins
 
  private:
   static unsigned char class_of(char c) noexcept {
     return syntax.classes[static_cast<unsigned char>(c)];
   }
   // Whether this pass makes nodes here: never while checking, nor inside a datum comment.
-  bool building() const noexcept { return Build && muted_ == 0; }
+  bool building() const noexcept { return Build && (!scheme || muted_ == 0); }
 
   [[noreturn]] void fail(std::size_t at, const std::string& message) {
     error_at = at;
@@ -275,10 +284,12 @@ class Reader {
   void close_list(std::size_t at) {
     if (frames_.empty()) fail(at, std::string("unexpected '") + text_[at] + "'");
     const Frame& f = frames_.back();
-    if (f.kind >= FrameKind::quote) missing_datum(at, f);
-    if ((f.kind == FrameKind::bracket_list) != (text_[at] == ']')) {
-      fail(at, std::string("'") + text_[at] + "' closes the '" + text_[f.open] + "' opened at " +
-                   where(text_, f.open));
+    if constexpr (scheme) {
+      if (f.kind >= FrameKind::quote) missing_datum(at, f);
+      if ((f.kind == FrameKind::bracket_list) != (text_[at] == ']')) {
+        fail(at, std::string("'") + text_[at] + "' closes the '" + text_[f.open] +
+                     "' opened at " + where(text_, f.open));
+      }
     }
     if (f.state == ListState::after_dot) fail(f.dot, "misplaced '.'");
     if (building()) {
@@ -289,7 +300,7 @@ class Reader {
         list = m_->sh_cons(items.back(), list);
         items.pop_back();
       }
-      if (f.kind == FrameKind::vector || f.kind == FrameKind::bytevector) {
+      if (scheme && (f.kind == FrameKind::vector || f.kind == FrameKind::bytevector)) {
         list = m_->sh_cons(m_->sh_sym(m_->make_symbol(head_name(f.kind))), list);
       }
       items.push_back(list);
@@ -297,8 +308,9 @@ class Reader {
     frames_.pop_back();
   }
 
-  // A word starting at `at` (whose first byte may be `#`); returns its end.
-  std::size_t read_word(std::size_t at) {
+  // A word starting at `at` (whose first byte may be `#`); returns its end. The commonest
+  // token: kept inline in run(), as it was before the reader took dialects.
+  VORN_ALWAYS_INLINE std::size_t read_word(std::size_t at) {
     const char* const s = text_.data();
     const std::size_t n = text_.size();
     std::size_t end = at + 1;
@@ -623,7 +635,6 @@ class Reader {
     }
   }
 
-  bool stop_after_first_ = false;
   bool in_name_ = false;    // reading a |name|, which may not hold NUL
   bool fold_case_ = false;  // scheme: #!fold-case seen (and no #!no-fold-case since)
   std::size_t muted_ = 0;   // open datum comments: nothing is built inside one
