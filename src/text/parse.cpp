@@ -73,9 +73,11 @@ Scan scan_in(std::string_view text, bool final) {
     if (!final && check.comment_at_end) return {Scan::incomplete, check.lead, text.size()};
     return {Scan::none, text.size(), text.size()};
   }
-  // A word that reaches the end might go on; so might an smtlib string (`""` is a quote).
+  // A word that reaches the end might go on; so might an smtlib string (`""` is a quote)
+  // and a scheme character (`#\(` is one, `#\(a` an error).
   if (!final && check.first_end == text.size() &&
-      (!ends_word(D, text.back()) || (D == Dialect::smtlib && text.back() == '"')))
+      (!ends_word(D, text.back()) || (D == Dialect::smtlib && text.back() == '"') ||
+       (D == Dialect::scheme && text.compare(check.token, 2, "#\\") == 0)))
     return {Scan::incomplete, check.first_begin, text.size()};
   return {Scan::expression, check.first_begin, check.first_end};
 }

@@ -93,7 +93,7 @@ TEST(Dialects, ScanFirstFindsTheFirstExpressionOrAsksForMore) {
       {L, "\"a\" ", false, Scan::expression, 0, 3}, {C, "#| c |# #;x 'y z", false, Scan::expression, 12, 14},
       {C, " #| c ", false, Scan::incomplete, 1, 6}, {C, "#", false, Scan::incomplete, 0, 1},
       {C, "(a #tr", false, Scan::incomplete, 0, 6}, {C, "#;", false, Scan::incomplete, 0, 2},
-      {C, "#\\( ", false, Scan::expression, 0, 3},
+      {C, "#\\( ", false, Scan::expression, 0, 3}, {C, "'#\\(", false, Scan::incomplete, 0, 4},
   };
   // clang-format on
   for (const auto& [d, text, final, kind, begin, end] : cases) {
