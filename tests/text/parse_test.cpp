@@ -74,6 +74,8 @@ TEST(Text, MillionDeepAndMillionLongOnASmallStack) {
     for (int i = 1; i < 1'000'000; ++i) text += " a";
     const Sexp e = parse(m, text += std::string(1'000'000, ')'));
     EXPECT_TRUE(to_text(e) == text);  // no 2 MB diff on failure
+    EXPECT_TRUE(to_text(e, {Dialect::scheme}) == text);
+    EXPECT_EQ(parse(m, text, {Dialect::scheme}), e);
     EXPECT_EQ(instantiate(m, e, SexpMatcher()), e);
   });
 }

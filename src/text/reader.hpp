@@ -1,0 +1,649 @@
+// The reader behind parse, parse_all and scan_first: one pass over a text in one dialect,
+// with the grammar's state kept on the heap.
+#ifndef VORN_SRC_TEXT_READER_HPP
+#define VORN_SRC_TEXT_READER_HPP
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "syntax.hpp"
+#include "vorn/expr/manager.hpp"
+#include "vorn/text/parse.hpp"
+
+#if defined(__GNUC__)
+#define VORN_ALWAYS_INLINE [[gnu::always_inline]] inline
+#else
+#define VORN_ALWAYS_INLINE inline
+#endif
+
+namespace vorn::detail {
+
+// Errors are rare: the position is worked out from the byte offset only when one is thrown.
+struct Position {
+  std::size_t line = 1;
+  std::size_t column = 1;
+};
+
+inline Position position_of(std::string_view text, std::size_t offset) noexcept {
+  Position p;
+  std::size_t line_start = 0;
+  for (std::size_t i = 0; i < offset; ++i) {
+    if (text[i] == '\n') {
+      ++p.line;
+      line_start = i + 1;
+    }
+  }
+  p.column = offset - line_start + 1;
+  return p;
+}
+
+inline std::string where(std::string_view text, std::size_t offset) {
+  const Position p = position_of(text, offset);
+  return std::to_string(p.line) + ":" + std::to_string(p.column);
+}
+
+[[noreturn]] inline void throw_at(std::string_view text, std::size_t offset,
+                                  const std::string& message) {
+  const Position p = position_of(text, offset);
+  throw ParseError(message, p.line, p.column);
+}
+
+std::string bad_escape_message(char c, const char* in);
+
+// Progress of one open list.
+enum class ListState : unsigned char {
+  no_items,   // just after '('
+  items,      // one element or more
+  after_dot,  // '.' read, its expression not yet begun
+  tail,       // the expression after '.' begun: only ')' may follow it
+};
+
+// What is open. Kinds from `quote` on take exactly one datum and close by themselves.
+enum class FrameKind : unsigned char {
+  list, bracket_list, vector, bytevector,
+  quote, quasiquote, unquote, unquote_splicing, datum_comment,
+};
+
+struct Frame {
+  std::size_t open;   // offset of what opened it
+  std::size_t dot;    // offset of the '.', once the state has reached after_dot
+  std::size_t first;  // building: index in `items` of the first element
+  ListState state;
+  FrameKind kind;
+};
+
+// The symbol a scheme form reads as: the head of a vector, bytevector or abbreviation.
+const char* head_name(FrameKind kind) noexcept;
+// How the opening of a frame is spelled, for messages.
+const char* opener(FrameKind kind) noexcept;
+
+// One pass over the text.
+//
+// The checking pass (Build = false) makes no node and interns no name; it finds every
+// error and counts the top-level expressions. The building pass (Build = true) runs
+// only over text the checking pass accepted, so nothing it does can fail but memory.
+// That split is what lets a failed call leave the manager exactly as it was: canonical
+// nodes live as long as their manager, so a node made before an error is discovered
+// could never be taken back.
+//
+// With FirstOnly (checking only, for scan_first) it stops once the first top-level
+// expression is complete, and notes where things begin; parse and parse_all pay nothing
+// for that.
+template <bool Build, Dialect D, bool FirstOnly = false>
+class Reader {
+  static_assert(!(Build && FirstOnly), "only the checking pass stops after the first");
+  static constexpr const Syntax& syntax = syntax_of(D);
+  static constexpr bool scheme = D == Dialect::scheme;
+
+ public:
+  Reader(SexpManager* m, std::string_view text) noexcept : m_(m), text_(text) {}
+
+  void run() {
+    const char* const s = text_.data();
+    const std::size_t n = text_.size();
+    std::size_t i = 0;
+    if constexpr (scheme) {  // a script header: `#!/...` or `#! ...` on the first line
+      if (n >= 3 && s[0] == '#' && s[1] == '!' && (s[2] == '/' || s[2] == ' ')) {
+        i = skip_line(0);
+      }
+    }
+    for (;;) {
+      if (FirstOnly && frames_.empty() && count == 1) {
+        first_end = i;
+        return;
+      }
+      while (i < n && class_of(s[i]) == space) ++i;
+      if (i == n) break;
+      if constexpr (FirstOnly) {
+        if (frames_.empty()) lead = i;
+        token = i;
+      }
+      switch (class_of(s[i])) {
+        case space:  // handled above
+          break;
+        case comment:
+          i = skip_line(i);
+          break;
+        case open:
+          begin_item(i);
+          frames_.push_back({i, 0, items.size(), ListState::no_items,
+                             s[i] == '[' ? FrameKind::bracket_list : FrameKind::list});
+          ++i;
+          break;
+        case close:
+          close_list(i);
+          ++i;
+          item_done();
+          break;
+        case bar:
+          begin_item(i);
+          i = read_barred(i);
+          item_done();
+          break;
+        case quote:
+          begin_item(i);
+          i = read_string(i);
+          item_done();
+          break;
+        case prefix:
+          begin_item(i);
+          i = open_prefix(i);
+          break;
+        case hash:
+          if constexpr (scheme) {
+            i = read_hash(i);
+          } else {
+            i = read_word(i);
+          }
+          break;
+        default:
+          i = read_word(i);
+      }
+    }
+    if (!frames_.empty()) {
+      const Frame& f = frames_.back();
+      if (scheme && f.kind >= FrameKind::quote) missing_datum(n, f);
+      fail(n, "unterminated list opened at " + where(text_, f.open));
+    }
+  }
+
+  // Building: the finished top-level expressions, once run() has returned.
+  std::vector<Sexp> items;
+  std::size_t count = 0;        // top-level expressions
+  std::size_t first_begin = 0;  // offset where the first top-level expression begins
+  std::size_t second = 0;       // offset where the second top-level expression begins
+  // With FirstOnly: where the first expression ends (0 when there is none); where the first top-level
+  // thing not yet finished (expression or comment) began; whether a line comment ran to
+  // the end of the text.
+  std::size_t first_end = 0;
+  std::size_t lead = 0;
+  bool comment_at_end = false;
+  std::size_t error_at = 0;  // the offset of the error thrown, if any
+  std::size_t token = 0;     // FirstOnly: where the token read last (or being read) begins
+
+ private:
+  static unsigned char class_of(char c) noexcept {
+    return syntax.classes[static_cast<unsigned char>(c)];
+  }
+  // Whether this pass makes nodes here: never while checking, nor inside a datum comment.
+  bool building() const noexcept { return Build && (!scheme || muted_ == 0); }
+
+  [[noreturn]] void fail(std::size_t at, const std::string& message) {
+    error_at = at;
+    throw_at(text_, at, message);
+  }
+
+  [[noreturn]] void missing_datum(std::size_t at, const Frame& f) {
+    fail(at, std::string("expected a datum after '") + opener(f.kind) + "' at " +
+                 where(text_, f.open));
+  }
+
+  std::size_t skip_line(std::size_t i) noexcept {
+    const char* const s = text_.data();
+    const void* nl = std::memchr(s + i, '\n', text_.size() - i);
+    if (nl != nullptr) return static_cast<std::size_t>(static_cast<const char*>(nl) - s) + 1;
+    comment_at_end = true;
+    return text_.size();
+  }
+
+  // An expression (atom or list) begins at `at`.
+  void begin_item(std::size_t at) {
+    if (frames_.empty()) {
+      if (++count == 1) first_begin = at;
+      if (count == 2) second = at;
+      return;
+    }
+    Frame& f = frames_.back();
+    switch (f.state) {
+      case ListState::no_items:
+        f.state = ListState::items;
+        break;
+      case ListState::items:
+        break;
+      case ListState::after_dot:
+        f.state = ListState::tail;
+        break;
+      case ListState::tail:
+        fail(f.dot, "misplaced '.'");
+    }
+  }
+
+  // An expression has just been read: close the one-datum frames it completes.
+  void item_done() {
+    if constexpr (scheme) {
+      while (!frames_.empty() && frames_.back().kind >= FrameKind::quote &&
+             frames_.back().state == ListState::items) {
+        const FrameKind kind = frames_.back().kind;
+        frames_.pop_back();
+        if (kind == FrameKind::datum_comment) {
+          --muted_;
+          return;  // the datum is dropped: nothing was completed for the enclosing frame
+        }
+        if (building()) {
+          Sexp& x = items.back();
+          x = m_->sh_cons(m_->sh_sym(m_->make_symbol(head_name(kind))),
+                          m_->sh_cons(x, m_->nil()));
+        }
+      }
+    }
+  }
+
+  // ' ` , ,@ at `at`: opens a frame that closes after one datum.
+  std::size_t open_prefix(std::size_t at) {
+    const char* const s = text_.data();
+    FrameKind kind = s[at] == '\'' ? FrameKind::quote
+                     : s[at] == '`' ? FrameKind::quasiquote
+                                    : FrameKind::unquote;
+    std::size_t len = 1;
+    if (kind == FrameKind::unquote && at + 1 < text_.size() && s[at + 1] == '@') {
+      kind = FrameKind::unquote_splicing;
+      len = 2;
+    }
+    frames_.push_back({at, 0, items.size(), ListState::no_items, kind});
+    return at + len;
+  }
+
+  // A lone '.': legal only after one element or more of an open list, and only once.
+  // A dot that stands where none can is reported where it stands; once a list has its
+  // dot, whatever goes wrong after it (no expression, or more than one) is reported at
+  // that dot.
+  void read_dot(std::size_t at) {
+    if (!syntax.dotted_tails) fail(at, "a lone '.' is no symbol in this dialect (write |.|)");
+    if (frames_.empty() || frames_.back().state == ListState::no_items ||
+        frames_.back().kind > FrameKind::bracket_list)
+      fail(at, "misplaced '.'");
+    Frame& f = frames_.back();
+    if (f.state != ListState::items) fail(f.dot, "misplaced '.'");
+    f.state = ListState::after_dot;
+    f.dot = at;
+  }
+
+  void close_list(std::size_t at) {
+    if (frames_.empty()) fail(at, std::string("unexpected '") + text_[at] + "'");
+    const Frame& f = frames_.back();
+    if constexpr (scheme) {
+      if (f.kind >= FrameKind::quote) missing_datum(at, f);
+      if ((f.kind == FrameKind::bracket_list) != (text_[at] == ']')) {
+        fail(at, std::string("'") + text_[at] + "' closes the '" + text_[f.open] +
+                     "' opened at " + where(text_, f.open));
+      }
+    }
+    if (f.state == ListState::after_dot) fail(f.dot, "misplaced '.'");
+    if (building()) {
+      // Bottom-up from the end, so every cons is made over canonical children.
+      Sexp list = f.state == ListState::tail ? items.back() : m_->nil();
+      if (f.state == ListState::tail) items.pop_back();
+      while (items.size() > f.first) {
+        list = m_->sh_cons(items.back(), list);
+        items.pop_back();
+      }
+      if (scheme && (f.kind == FrameKind::vector || f.kind == FrameKind::bytevector)) {
+        list = m_->sh_cons(m_->sh_sym(m_->make_symbol(head_name(f.kind))), list);
+      }
+      items.push_back(list);
+    }
+    frames_.pop_back();
+  }
+
+  // A word starting at `at` (whose first byte may be `#`); returns its end. The commonest
+  // token: kept inline in run(), as it was before the reader took dialects.
+  VORN_ALWAYS_INLINE std::size_t read_word(std::size_t at) {
+    const char* const s = text_.data();
+    const std::size_t n = text_.size();
+    std::size_t end = at + 1;
+    while (end < n && class_of(s[end]) < space) ++end;
+    if (end - at == 1 && s[at] == '.') {
+      read_dot(at);
+      return end;
+    }
+    begin_item(at);
+    if (D == Dialect::vorn && s[at] == '#') {
+      read_number(at, end);
+    } else {
+      if (D == Dialect::smtlib && s[at] == '#') check_literal(at, end);
+      read_name(at, end);
+    }
+    item_done();
+    return end;
+  }
+
+  // `#` and decimal digits, up to 2^64 - 1.
+  void read_number(std::size_t begin, std::size_t end) {
+    if (end - begin < 2) fail(begin, "invalid number after '#'");
+    std::uint64_t v = 0;
+    for (std::size_t i = begin + 1; i < end; ++i) {
+      const char c = text_[i];
+      if (c < '0' || c > '9') fail(begin, "invalid number after '#'");
+      const auto digit = static_cast<std::uint64_t>(c - '0');
+      if (v > (UINT64_MAX - digit) / 10) fail(begin, "invalid number after '#'");
+      v = v * 10 + digit;
+    }
+    if (building()) items.push_back(m_->sh_sym(v));
+  }
+
+  // `#x` and hex digits or `#b` and binary digits.
+  void check_literal(std::size_t begin, std::size_t end) {
+    const std::string_view w = text_.substr(begin, end - begin);
+    const char* digits = w.size() > 2 && w[1] == 'x' ? "0123456789abcdefABCDEF"
+                         : w.size() > 2 && w[1] == 'b' ? "01"
+                                                       : nullptr;
+    if (digits != nullptr && w.find_first_not_of(digits, 2) == w.npos) return;
+    fail(begin, "invalid literal after '#' (#x and hex digits, or #b and binary digits)");
+  }
+
+  void read_name(std::size_t begin, std::size_t end) {
+    const char* const s = text_.data();
+    if (const void* nul = std::memchr(s + begin, '\0', end - begin)) {
+      fail(static_cast<std::size_t>(static_cast<const char*>(nul) - s), "NUL byte in name");
+    }
+    if (building()) {
+      name_.assign(s + begin, end - begin);
+      if (scheme && fold_case_) {
+        for (char& c : name_) {
+          if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        }
+      }
+      intern_name();
+    }
+  }
+
+  void intern_name() {
+    items.push_back(name_.empty() ? m_->nil() : m_->sh_sym(m_->make_symbol(name_.c_str())));
+  }
+
+  // ---- strings and |names| -------------------------------------------------------------
+
+  // `"..."` opened at `begin`; returns the offset after the closing quote.
+  std::size_t read_string(std::size_t begin) {
+    if (building()) name_.clear();
+    const std::size_t end = read_quoted(begin, '"', syntax.string_escapes, "string");
+    if (building()) items.push_back(m_->sh_string(name_));
+    return end;
+  }
+
+  // `|...|` opened at `begin`; returns the offset after the closing bar.
+  std::size_t read_barred(std::size_t begin) {
+    if (building()) name_.clear();
+    in_name_ = true;
+    const std::size_t end = read_quoted(begin, '|', syntax.bar_escapes, "|name|");
+    in_name_ = false;
+    const char* const s = text_.data();
+    if (const void* nul = std::memchr(s + begin, '\0', end - begin)) {
+      fail(static_cast<std::size_t>(static_cast<const char*>(nul) - s), "NUL byte in name");
+    }
+    if (building()) intern_name();
+    return end;
+  }
+
+  // The content between `delim` at `begin` and the matching one, decoded into `name_`
+  // when building; returns the offset after the closing delimiter. Runs of plain bytes
+  // are found with memchr and copied whole.
+  std::size_t read_quoted(std::size_t begin, char delim, Escapes escapes, const char* what) {
+    const char* const s = text_.data();
+    const std::size_t n = text_.size();
+    std::size_t i = begin + 1;
+    for (;;) {
+      const void* found = std::memchr(s + i, delim, n - i);
+      const std::size_t close =
+          found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - s) : n;
+      std::size_t plain_end = close;
+      if (escapes != Escapes::none && escapes != Escapes::doubled) {
+        if (const void* bs = std::memchr(s + i, '\\', close - i))
+          plain_end = static_cast<std::size_t>(static_cast<const char*>(bs) - s);
+      }
+      if (building()) name_.append(s + i, plain_end - i);
+      if (plain_end == n) unterminated(begin, what);
+      if (plain_end < close) {  // a backslash
+        i = read_escape(begin, plain_end, escapes, what);
+        continue;
+      }
+      if (escapes == Escapes::doubled && close + 1 < n && s[close + 1] == delim) {
+        if (building()) name_.push_back(delim);
+        i = close + 2;
+        continue;
+      }
+      if (escapes == Escapes::none && delim == '|') {  // a quoted symbol holds no backslash
+        if (const void* bs = std::memchr(s + begin, '\\', close - begin))
+          fail(static_cast<std::size_t>(static_cast<const char*>(bs) - s),
+               std::string("'\\' in ") + what);
+      }
+      return close + 1;
+    }
+  }
+
+  [[noreturn]] void unterminated(std::size_t begin, const char* what) {
+    fail(text_.size(), std::string("unterminated ") + what + " opened at " + where(text_, begin));
+  }
+
+  // The escape whose backslash is at `at`; appends what it stands for when building and
+  // returns the offset after it.
+  std::size_t read_escape(std::size_t begin, std::size_t at, Escapes escapes, const char* what) {
+    const char* const s = text_.data();
+    const std::size_t n = text_.size();
+    if (at + 1 == n) unterminated(begin, what);
+    const char c = s[at + 1];
+    if (escapes == Escapes::bar_only) {
+      if (c != '|' && c != '\\') fail(at, bad_escape_message(c, what));
+      put(c);
+      return at + 2;
+    }
+    switch (c) {
+      case '"': case '\\': case '|': put(c); return at + 2;
+      case 'a': put('\a'); return at + 2;
+      case 'b': put('\b'); return at + 2;
+      case 'n': put('\n'); return at + 2;
+      case 'r': put('\r'); return at + 2;
+      case 't': put('\t'); return at + 2;
+      case 'x': return escapes == Escapes::vorn ? read_hex_byte(begin, at, what)
+                                                : read_code_point(begin, at, what);
+      default: break;
+    }
+    if (escapes == Escapes::vorn) {
+      const char* const from = "/'fv0";
+      const char* const to = "/'\f\v";
+      if (const char* p = std::strchr(from, c); p != nullptr && c != '\0') {
+        put(p - from == 4 ? '\0' : to[p - from]);
+        return at + 2;
+      }
+    } else {  // a line continuation: \ blanks, a line end, blanks
+      std::size_t i = at + 1;
+      while (i < n && (s[i] == ' ' || s[i] == '\t')) ++i;
+      if (i < n && s[i] == '\r') ++i;
+      if (i == n) unterminated(begin, what);
+      if (s[i] == '\n') {
+        for (++i; i < n && (s[i] == ' ' || s[i] == '\t');) ++i;
+        return i;
+      }
+    }
+    fail(at, bad_escape_message(c, what));
+  }
+
+  static int hex_value(char c) noexcept {
+    if (c >= '0' && c <= '9') return c - '0';
+    if ((c | 0x20) >= 'a' && (c | 0x20) <= 'f') return (c | 0x20) - 'a' + 10;
+    return -1;
+  }
+
+  // `\xHH`: exactly two hex digits, one byte.
+  std::size_t read_hex_byte(std::size_t begin, std::size_t at, const char* what) {
+    if (at + 3 >= text_.size()) unterminated(begin, what);
+    const int hi = hex_value(text_[at + 2]), lo = hex_value(text_[at + 3]);
+    if (hi < 0 || lo < 0) fail(at, std::string("\\x takes two hex digits in ") + what);
+    put(static_cast<char>(hi << 4 | lo));
+    return at + 4;
+  }
+
+  // `\xH...;`: a code point up to 10FFFF, appended as UTF-8.
+  std::size_t read_code_point(std::size_t begin, std::size_t at, const char* what) {
+    std::uint32_t cp = 0;
+    std::size_t i = at + 2;
+    for (;; ++i) {
+      if (i == text_.size()) unterminated(begin, what);
+      const int d = hex_value(text_[i]);
+      if (d < 0) break;
+      cp = cp << 4 | static_cast<std::uint32_t>(d);
+      if (cp > 0x10FFFF) break;
+    }
+    if (i == at + 2 || text_[i] != ';' || cp > 0x10FFFF)
+      fail(at, std::string("\\x takes hex digits (at most 10FFFF) and ';' in ") + what);
+    if (cp == 0 && in_name_) fail(at, "NUL byte in name");
+    if (cp < 0x80) {
+      put(static_cast<char>(cp));
+    } else {
+      const int len = cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+      put(static_cast<char>((0xF00u >> len) | (cp >> (6 * (len - 1)))));
+      for (int k = len - 2; k >= 0; --k) put(static_cast<char>(0x80 | ((cp >> (6 * k)) & 0x3F)));
+    }
+    return i + 1;
+  }
+
+  void put(char c) {
+    if (building()) name_.push_back(c);
+  }
+
+  // ---- scheme #-forms -----------------------------------------------------------------
+
+  std::size_t read_hash(std::size_t at) {
+    const char* const s = text_.data();
+    const std::size_t n = text_.size();
+    const char c = at + 1 < n ? s[at + 1] : '\0';
+    switch (c) {
+      case '|':
+        return skip_block_comment(at);
+      case ';':
+        frames_.push_back({at, 0, items.size(), ListState::no_items, FrameKind::datum_comment});
+        ++muted_;
+        return at + 2;
+      case '(':
+        begin_item(at);
+        frames_.push_back({at, 0, items.size(), ListState::no_items, FrameKind::vector});
+        return at + 2;
+      case '\\':
+        begin_item(at);
+        return read_char(at);
+      default:
+        break;
+    }
+    std::size_t end = at + 1;
+    while (end < n && class_of(s[end]) < space) ++end;
+    const std::string_view w = text_.substr(at, end - at);
+    if (c == '!') {
+      if (w == "#!fold-case" || w == "#!no-fold-case") {
+        fold_case_ = w.size() == 11;
+        return end;
+      }
+      fail(at, "unknown directive '" + std::string(w) + "'");
+    }
+    if (w == "#u8" && end < n && s[end] == '(') {
+      begin_item(at);
+      frames_.push_back({at, 0, items.size(), ListState::no_items, FrameKind::bytevector});
+      return end + 1;
+    }
+    const bool is_true = iequals(w, "#t") || iequals(w, "#true");
+    if (is_true || iequals(w, "#f") || iequals(w, "#false")) {
+      begin_item(at);
+      if (building()) {
+        name_ = is_true ? "#t" : "#f";
+        intern_name();
+      }
+      item_done();
+      return end;
+    }
+    if (w.size() > 2 && c != '\0' && std::strchr(":xXbBoOdDeEiI", c) != nullptr) {
+      begin_item(at);  // a keyword or a number: the symbol of its text
+      read_name(at, end);
+      item_done();
+      return end;
+    }
+    if (c >= '0' && c <= '9') fail(at, "datum labels (#n= and #n#) are not read");
+    fail(at, "unknown '#' syntax");
+  }
+
+  static bool iequals(std::string_view w, const char* lower) noexcept {
+    if (w.size() != std::strlen(lower)) return false;
+    for (std::size_t i = 0; i < w.size(); ++i) {
+      if ((w[i] >= 'A' && w[i] <= 'Z' ? w[i] - 'A' + 'a' : w[i]) != lower[i]) return false;
+    }
+    return true;
+  }
+
+  // `#\` at `at`: one character (any byte, even one that ends words), then word bytes.
+  std::size_t read_char(std::size_t at) {
+    const char* const s = text_.data();
+    const std::size_t n = text_.size();
+    const std::size_t start = at + 2;
+    if (start >= n) fail(n, "expected a character after '#\\'");
+    std::size_t end = start + utf8_length(static_cast<unsigned char>(s[start]));
+    if (end > n) end = n;
+    while (end < n && class_of(s[end]) < space) ++end;
+    char spelling[max_char_spelling + 2] = {'#', '\\'};
+    const std::size_t len = canonical_char(text_.substr(start, end - start), spelling + 2);
+    if (len == 0) fail(at, "unknown character '" + std::string(text_.substr(at, end - at)) + "'");
+    if (building()) {
+      name_.assign(spelling, len + 2);
+      intern_name();
+    }
+    item_done();
+    return end;
+  }
+
+  // `#|` at `at`, nesting; returns the offset after the matching `|#`. Every `#|` and
+  // `|#` holds a bar, so the scan jumps from bar to bar.
+  std::size_t skip_block_comment(std::size_t at) {
+    const char* const s = text_.data();
+    const std::size_t n = text_.size();
+    std::size_t depth = 1;
+    std::size_t i = at + 2;  // bytes before `i` are used up
+    for (;;) {
+      const void* found = std::memchr(s + i, '|', n - i);
+      if (found == nullptr) {
+        fail(n, "unterminated block comment opened at " + where(text_, at));
+      }
+      const auto bar = static_cast<std::size_t>(static_cast<const char*>(found) - s);
+      if (bar > i && s[bar - 1] == '#') {
+        ++depth;
+        i = bar + 1;
+      } else if (bar + 1 < n && s[bar + 1] == '#') {
+        i = bar + 2;
+        if (--depth == 0) return i;
+      } else {
+        i = bar + 1;
+      }
+    }
+  }
+
+  bool in_name_ = false;    // reading a |name|, which may not hold NUL
+  bool fold_case_ = false;  // scheme: #!fold-case seen (and no #!no-fold-case since)
+  std::size_t muted_ = 0;   // open datum comments: nothing is built inside one
+  SexpManager* m_;          // null in the checking pass
+  std::string_view text_;
+  std::vector<Frame> frames_;  // open lists, innermost last
+  std::string name_;           // the name or string content being read
+};
+
+}  // namespace vorn::detail
+
+#endif  // VORN_SRC_TEXT_READER_HPP
