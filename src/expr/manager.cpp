@@ -23,18 +23,32 @@ class NodeIdsExhausted final : public std::bad_alloc {
 void SexpManager::throw_ids_exhausted() { throw NodeIdsExhausted(); }
 
 // Reached when next_id == id_stop. Skips the run of snapshot ids starting at next_id; at
-// the counter's end takes a new snapshot first. Throws only where no id is free.
+// the counter's end takes a new snapshot first. Throws only where no id is free, or where
+// a snapshot cannot be allocated; then the counter is put back where it was, with a
+// note that it stands at its end (the spent snapshot is gone), so the next call comes
+// back here and hands out exactly the id this one would have.
 void SexpManager::skip_live_ids() {
   if (nil_node == nullptr) return;  // the constructor: nil takes id 0
-  for (bool fresh_snapshot = false;;) {
-    if (next_id == 0 && live_at == live_ids.size()) {  // every id has been handed out
-      if (fresh_snapshot) throw_ids_exhausted();        // and every one is in use
-      take_live_ids();
-      fresh_snapshot = true;
+  const std::uint32_t start = next_id;
+  if (snapshot_lost) next_id = 0;
+  try {
+    for (bool fresh_snapshot = false;;) {
+      if (next_id == 0 && live_at == live_ids.size()) {  // every id has been handed out
+        if (fresh_snapshot) throw_ids_exhausted();        // and every one is in use
+        take_live_ids();
+        fresh_snapshot = true;
+      }
+      while (live_at < live_ids.size() && live_ids[live_at] == next_id) ++next_id, ++live_at;
+      if (next_id != 0 || live_at != live_ids.size()) break;
     }
-    while (live_at < live_ids.size() && live_ids[live_at] == next_id) ++next_id, ++live_at;
-    if (next_id != 0 || live_at != live_ids.size()) break;
+  } catch (...) {
+    std::vector<std::uint32_t>().swap(live_ids);
+    live_at = 0;
+    next_id = id_stop = start;
+    snapshot_lost = true;
+    throw;
   }
+  snapshot_lost = false;
   id_stop = live_at < live_ids.size() ? live_ids[live_at] : 0;
 }
 
@@ -89,12 +103,15 @@ std::size_t SexpManager::collect() noexcept {
 }
 
 // Grows anyway when at least half of the growth point is still held after collecting:
-// the next collection then waits for the next growth point, so inserts pay for it.
+// the next collection then waits for the next growth point, so inserts pay for it. A
+// growth that fails is tried again by the next insert, without collecting again.
 void SexpManager::collect_before_growth() {
-  collect();
+  if (shared_table.grows_on_next_insert()) collect();
   if (shared_table.size() >= shared_table.growth_point() / 2) {
+    collect_at = shared_table.size();
     shared_table.rehash(shared_table.bucket_count() + 1);
   }
+  collect_at = shared_table.growth_point();
 }
 
 SexpManager::SexpManager() {

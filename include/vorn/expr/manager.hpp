@@ -227,7 +227,10 @@ class SexpManager {
   /// entries at which it would have grown are still held after collecting, so each
   /// collection is paid for by as many inserts as it can free, and collecting never costs
   /// more than a constant factor over growing. A sharing hit never collects.
-  void set_auto_collect(bool on) noexcept { auto_collecting = on; }
+  void set_auto_collect(bool on) noexcept {
+    auto_collecting = on;
+    collect_at = shared_table.growth_point();
+  }
   bool auto_collect() const noexcept { return auto_collecting; }
 
  private:
@@ -260,7 +263,7 @@ class SexpManager {
   // Before an insert into the shared table: in automatic mode, collect rather than grow.
   // May throw `std::bad_alloc` from a growth, once it has collected.
   void before_shared_insert() {
-    if (auto_collecting && shared_table.grows_on_next_insert()) collect_before_growth();
+    if (auto_collecting && shared_table.size() >= collect_at) collect_before_growth();
   }
   void collect_before_growth();
   void take_node_chunk();
@@ -289,6 +292,7 @@ class SexpManager {
   // until then. Ids below next_id are used up; those from live_ids[live_at] on are skipped.
   std::vector<std::uint32_t> live_ids;
   std::size_t live_at = 0;
+  bool snapshot_lost = false;  // a snapshot failed: next_id stands for the counter's end
   SymbolTable symbol_table;           // name copy -> symbol id
   std::vector<char*> symbol_names;    // symbol id -> owned name copy
   MemoryPool<32, false> sexp_pool{1024, 1.0f, 0};  // every node of this manager
@@ -308,6 +312,9 @@ class SexpManager {
   // the manager and the handle operations.
   bool child_ids_are_identities = true;
   bool auto_collecting = false;  // see set_auto_collect
+  // In automatic mode, the table size at which an insert first calls collect_before_growth:
+  // the table's growth point, or the size at which a growth it decided on failed.
+  std::uint64_t collect_at = 0;
 };
 
 }  // namespace vorn
