@@ -23,6 +23,7 @@ struct SexpManagerInternals {
   /// Ids in the snapshot of live ids (0 until the counter first reaches its end).
   static std::size_t snapshot_size(const SexpManager& m) { return m.live_ids.size(); }
   static std::size_t shared_buckets(const SexpManager& m) { return m.shared_table.bucket_count(); }
+  static std::size_t slots_in_use(const SexpManager& m) { return m.sexp_pool.slots_in_use(); }
   static std::size_t shared_size(const SexpManager& m) { return m.shared_table.size(); }
   static std::size_t symbol_size(const SexpManager& m) { return m.symbol_table.size(); }
   static std::size_t symbol_buckets(const SexpManager& m) { return m.symbol_table.bucket_count(); }
