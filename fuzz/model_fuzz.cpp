@@ -231,7 +231,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       std::vector<char> before, after;
       const std::size_t dying = md.live(true, before) - md.live(false, after);
       CHECK(md.m.collect() == dying);
-      for (auto c = md.canon.begin(); c != md.canon.end();) c = after[c->second] ? std::next(c) : md.canon.erase(c);
+      for (auto c = md.canon.begin(); c != md.canon.end();)
+        c = after[c->second] ? std::next(c) : md.canon.erase(c);
     }
     md.holders();
   }

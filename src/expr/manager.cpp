@@ -14,7 +14,7 @@ namespace {
 class NodeIdsExhausted final : public std::bad_alloc {
  public:
   const char* what() const noexcept override {
-    return "vorn: node ids exhausted: this manager has made 2^32 nodes";
+    return "vorn: node ids exhausted: every one of the 2^32 ids is in use";
   }
 };
 
@@ -34,7 +34,7 @@ void SexpManager::skip_live_ids() {
   try {
     for (bool fresh_snapshot = false;;) {
       if (next_id == 0 && live_at == live_ids.size()) {  // every id has been handed out
-        if (fresh_snapshot) throw_ids_exhausted();        // and every one is in use
+        if (fresh_snapshot) throw_ids_exhausted();       // and every one is in use
         take_live_ids();
         fresh_snapshot = true;
       }

@@ -1,7 +1,8 @@
 // Reclaiming dead nodes.
+#include "vorn/expr/sexp.hpp"
+
 #include "dismantle.hpp"
 #include "vorn/expr/manager.hpp"
-#include "vorn/expr/sexp.hpp"
 
 namespace vorn {
 namespace detail {

@@ -35,7 +35,8 @@ const Case cases[] = {
     {"symbol", [](SexpManager& m, SexpManager&) { return Holders({m.sh_sym(1)}); }, 0, 1},
     {"cascade over a shared list",
      [](SexpManager& m, SexpManager&) {
-       return Holders({m.sh_cons(m.sh_sym(1), m.sh_cons(m.sh_sym(2), m.sh_cons(m.sh_sym(1), m.nil())))});
+       return Holders(
+           {m.sh_cons(m.sh_sym(1), m.sh_cons(m.sh_sym(2), m.sh_cons(m.sh_sym(1), m.nil())))});
      },
      0, 5},
     {"nil is never given back",
@@ -51,7 +52,9 @@ const Case cases[] = {
      [](SexpManager& m, SexpManager&) { return Holders({m.cons(m.sh_sym(1), m.sh_sym(2))}); }, 0,
      2},
     {"plain children of a canonical cons die with it",
-     [](SexpManager& m, SexpManager&) { return Holders({m.sh_cons(m.sym(1), m.cons(m.sym(2), m.nil()))}); },
+     [](SexpManager& m, SexpManager&) {
+       return Holders({m.sh_cons(m.sym(1), m.cons(m.sym(2), m.nil()))});
+     },
      0, 4},
     {"a foreign plain child goes back to its own pool",
      [](SexpManager& m, SexpManager& other) { return Holders({m.sh_cons(other.sym(1), m.nil())}); },
@@ -68,7 +71,8 @@ const Case cases[] = {
      [](SexpManager& m, SexpManager&) {
        Holders h;
        h.matcher = std::make_unique<SexpMatcher>(std::vector<Sexp>{m.sym(9)});
-       EXPECT_TRUE(h.matcher->match(m.sh_cons(m.sh_sym(1), m.sym(9)), m.sh_cons(m.sh_sym(1), m.sh_sym(2))));
+       EXPECT_TRUE(
+           h.matcher->match(m.sh_cons(m.sh_sym(1), m.sym(9)), m.sh_cons(m.sh_sym(1), m.sh_sym(2))));
        return h;  // the binding holds sh_sym(2)
      },
      3, 1},

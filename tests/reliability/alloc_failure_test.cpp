@@ -67,7 +67,14 @@ struct World {
 // shared table failed (it keeps its slot and id); new names, one of them listed without
 // a table entry; changed counts on the handles held (a matcher holds references); fewer
 // canonical nodes (automatic collection ran before the failure).
-enum Allow : unsigned { fixed = 0, canonical = 1, strand = 2, names = 4, counts = 8, collected = 16 };
+enum Allow : unsigned {
+  fixed = 0,
+  canonical = 1,
+  strand = 2,
+  names = 4,
+  counts = 8,
+  collected = 16
+};
 constexpr unsigned sharing = strand | counts, building = 15;
 
 struct Step {
@@ -207,11 +214,12 @@ std::size_t check_failed(World& w, const Snap& before, unsigned allow) {
   if (!w.m) return 0;  // construction failed: no manager exists
   const Snap after = snap(w);
   const std::int64_t canonical = after[1] - before[1];
-  const auto ids_taken = static_cast<std::int32_t>(static_cast<std::uint32_t>(after[0] - before[0]));
+  const auto ids_taken =
+      static_cast<std::int32_t>(static_cast<std::uint32_t>(after[0] - before[0]));
   const std::int64_t stranded = ids_taken - std::max<std::int64_t>(canonical, 0);
   const std::int64_t entries = after[2] - before[2], listed = after[3] - before[3] - entries;
-  EXPECT_TRUE((allow & Allow::canonical && canonical >= 0) || (allow & collected && canonical <= 0) ||
-              canonical == 0)
+  EXPECT_TRUE((allow & Allow::canonical && canonical >= 0) ||
+              (allow & collected && canonical <= 0) || canonical == 0)
       << canonical << " canonical";
   EXPECT_TRUE(stranded == 0 || (allow & strand && stranded == 1)) << stranded << " ids taken";
   EXPECT_TRUE(allow & names ? entries >= 0 && (listed == 0 || listed == 1)

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "vorn/expr/shape.hpp"
 #include "vorn/expr/sexp.hpp"
+#include "vorn/expr/shape.hpp"
 #include "vorn/support/hashtable.hpp"
 #include "vorn/support/memory_pool.hpp"
 
@@ -178,11 +178,13 @@ class SexpManager {
     if (children_by_address(a, d)) {
       found = shared_table.find_item(h, [a, d](const Sexp_* n) {
         const bool same = n->is_symbol == 0 && n->car == a && n->cdr == d;
-        assert(same == detail::Shape::is_cons_of(n, a, d) && "children by address disagree with ids");
+        assert(same == detail::Shape::is_cons_of(n, a, d) &&
+               "children by address disagree with ids");
         return same;
       });
     } else {
-      found = shared_table.find_item(h, [a, d](const Sexp_* n) { return detail::Shape::is_cons_of(n, a, d); });
+      found = shared_table.find_item(
+          h, [a, d](const Sexp_* n) { return detail::Shape::is_cons_of(n, a, d); });
     }
     if (found != nullptr) return Sexp(*found);
     return enter_cons(a, d, h);
@@ -191,9 +193,9 @@ class SexpManager {
   /// The canonical symbol of `value`; sh_sym(0) is nil. Made as sh_cons() is.
   Sexp sh_sym(unsigned long value) {
     reserve_node();
-    Sexp_** found = shared_table.find_item(detail::Shape::symbol_hash(value), [value](const Sexp_* n) {
-      return detail::Shape::is_symbol_of(n, value);
-    });
+    Sexp_** found = shared_table.find_item(
+        detail::Shape::symbol_hash(value),
+        [value](const Sexp_* n) { return detail::Shape::is_symbol_of(n, value); });
     if (found != nullptr) return Sexp(*found);
     return enter_symbol(value);
   }
@@ -283,7 +285,7 @@ class SexpManager {
   }
 
   // Declaration order is construction order.
-  std::uint32_t next_id = 0;          // id of the next node made, once ensure_free_id() ran
+  std::uint32_t next_id = 0;  // id of the next node made, once ensure_free_id() ran
   // next_id == id_stop sends ensure_free_id() the slow way: 0 (the counter's end, where it
   // wraps) until the first snapshot, then the next id in live_ids at or above next_id, or
   // 0 past the last one. Nil's id is 0, so the constructor takes that way once too.
@@ -292,7 +294,7 @@ class SexpManager {
   // until then. Ids below next_id are used up; those from live_ids[live_at] on are skipped.
   std::vector<std::uint32_t> live_ids;
   std::size_t live_at = 0;
-  bool snapshot_lost = false;  // a snapshot failed: next_id stands for the counter's end
+  bool snapshot_lost = false;         // a snapshot failed: next_id stands for the counter's end
   SymbolTable symbol_table;           // name copy -> symbol id
   std::vector<char*> symbol_names;    // symbol id -> owned name copy
   MemoryPool<32, false> sexp_pool{1024, 1.0f, 0};  // every node of this manager
