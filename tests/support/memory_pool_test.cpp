@@ -58,7 +58,10 @@ TEST(MemoryPool, FreeListIsLastInFirstOut) {
 TEST(MemoryPool, VisitsTheSlotsInUse) {
   MemoryPool<16, false> pool(1, 2.0f, 0);
   std::vector<void*> used, seen;
-  for (int i = 0; i < 15; ++i) used.push_back(pool.allocate());
+  for (int i = 0; i < 15; ++i) {
+    used.push_back(pool.allocate());
+    static_cast<void**>(used.back())[1] = &used;  // a slot in use has its second word set
+  }
   for (int i = 14; i >= 0; i -= 3) pool.deallocate(used[i]), used.erase(used.begin() + i);
   pool.for_each_in_use([&seen](void* slot) { seen.push_back(slot); });
   std::sort(used.begin(), used.end()), std::sort(seen.begin(), seen.end());

@@ -127,7 +127,8 @@ class MemoryPool<Size, false> {
   /// from or give back to this pool.
   ///
   /// Free slots are told apart by the pool's own address, written in their second word for
-  /// the duration of the call: a slot in use must never hold that address there.
+  /// the duration of the call: every slot in use must have its second word set, to anything
+  /// but that address.
   template <class Visit>
   void for_each_in_use(Visit visit) noexcept {
     static_assert(Size >= 2 * sizeof(void*), "a free slot must hold its link and a mark");
