@@ -1,6 +1,6 @@
 // Model-based fuzzing: the input is decoded into operations on one manager (names, plain
 // and shared nodes, handle copies and drops, setcar/setcdr on plain conses, printing,
-// matching, writing and reading back), and every result is checked against a model that
+// matching, writing and reading back, collecting), and every result is checked against a model that
 // keeps the same expressions as plain records: equal shapes give one canonical node,
 // every count equals the holders the model counts, the printed text is the model's, and
 // a naive recursive matcher gives the same verdicts and bindings.
@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -104,6 +105,26 @@ struct Model {
     return false;
   }
 
+  // Which nodes are alive: reachable from nil, the handles and, with `table`, the
+  // canonical nodes. Returns how many.
+  std::size_t live(bool table, std::vector<char>& seen) {
+    seen.assign(nodes.size(), 0);
+    std::vector<int> todo{0};
+    if (table)
+      for (const auto& c : canon) todo.push_back(c.second);
+    for (int s : slot)
+      if (s >= 0) todo.push_back(s);
+    std::size_t n = 0;
+    while (!todo.empty()) {
+      const int x = todo.back();
+      todo.pop_back();
+      if (seen[x]++) continue;
+      ++n;
+      if (!nodes[x].sym) todo.push_back(nodes[x].car), todo.push_back(nodes[x].cdr);
+    }
+    return n;
+  }
+
   bool naive(int p, int e, const std::set<std::uint64_t>& vars,
              std::map<std::uint64_t, int>& bound) {
     const Node &P = nodes[p], &E = nodes[e];
@@ -151,7 +172,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::size_t at = 0;
   const auto next = [&] { return at < size ? data[at++] : std::uint8_t{0}; };
   while (at < size) {
-    const int op = next() % 12, a = next() % slots, b = next() % slots, d = next() % slots;
+    const int op = next() % 13, a = next() % slots, b = next() % slots, d = next() % slots;
     const int pa = md.slot[a], pb = md.slot[b];
     const std::uint64_t v = next() % 12;
     // Matching and writing walk expressions as trees: keep those small.
@@ -206,6 +227,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       CHECK((op == 11 ? mt.match(patterns, md.h[b]) : !mt.match(md.h[a], md.h[b])) == want);
       for (std::uint64_t i = 0; i < 8; ++i)
         CHECK(mt.get(keys[i]).get() == (bound.count(i) ? md.nodes[bound[i]].real : nullptr));
+    } else if (op == 12) {  // gives back what only the table holds, and what only that held
+      std::vector<char> before, after;
+      const std::size_t dying = md.live(true, before) - md.live(false, after);
+      CHECK(md.m.collect() == dying);
+      for (auto c = md.canon.begin(); c != md.canon.end();)
+        c = after[c->second] ? std::next(c) : md.canon.erase(c);
     }
     md.holders();
   }

@@ -1,8 +1,11 @@
 // SexpManager: construction, symbol names and shared nodes.
 #include "vorn/expr/manager.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+
+#include "dismantle.hpp"
 
 namespace vorn {
 
@@ -11,13 +14,105 @@ namespace {
 class NodeIdsExhausted final : public std::bad_alloc {
  public:
   const char* what() const noexcept override {
-    return "vorn: node ids exhausted: this manager has made 2^32 nodes";
+    return "vorn: node ids exhausted: every one of the 2^32 ids is in use";
   }
 };
 
 }  // namespace
 
 void SexpManager::throw_ids_exhausted() { throw NodeIdsExhausted(); }
+
+// Reached when next_id == id_stop. Skips the run of snapshot ids starting at next_id; at
+// the counter's end takes a new snapshot first. Throws only where no id is free, or where
+// a snapshot cannot be allocated; then the counter is put back where it was, with a
+// note that it stands at its end (the spent snapshot is gone), so the next call comes
+// back here and hands out exactly the id this one would have.
+void SexpManager::skip_live_ids() {
+  if (nil_node == nullptr) return;  // the constructor: nil takes id 0
+  const std::uint32_t start = next_id;
+  if (snapshot_lost) next_id = 0;
+  try {
+    for (bool fresh_snapshot = false;;) {
+      if (next_id == 0 && live_at == live_ids.size()) {  // every id has been handed out
+        if (fresh_snapshot) throw_ids_exhausted();       // and every one is in use
+        take_live_ids();
+        fresh_snapshot = true;
+      }
+      while (live_at < live_ids.size() && live_ids[live_at] == next_id) ++next_id, ++live_at;
+      if (next_id != 0 || live_at != live_ids.size()) break;
+    }
+  } catch (...) {
+    std::vector<std::uint32_t>().swap(live_ids);
+    live_at = 0;
+    next_id = id_stop = start;
+    snapshot_lost = true;
+    throw;
+  }
+  snapshot_lost = false;
+  id_stop = live_at < live_ids.size() ? live_ids[live_at] : 0;
+}
+
+// The ids of every node in the pool, sorted and without repeats (strhash can leave two
+// live nodes with one id). The spent snapshot is freed first, so at most one is held: one
+// allocation of 4 bytes per live node. If that fails, nothing else has changed and the
+// counter is still at its end, so the next node made tries again.
+void SexpManager::take_live_ids() {
+  std::vector<std::uint32_t>().swap(live_ids);
+  live_at = 0;
+  std::vector<std::uint32_t> ids;
+  ids.reserve(sexp_pool.slots_in_use());
+  // A node's second word is its manager, never the address of the pool (a member of it).
+  sexp_pool.for_each_in_use([&ids](void* slot) { ids.push_back(static_cast<Sexp_*>(slot)->id); });
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+  live_ids.swap(ids);
+}
+
+std::size_t SexpManager::collect() noexcept {
+  // The common answer first: no canonical node is held by the table alone.
+  if (!shared_table.any_of([](const Sexp_* n) { return n->refcount == 1; })) return 0;
+
+  // Nodes that died, in the order they died, linked through their free `car` words. Their
+  // slots stay taken until the table no longer names them: the sweep below reads counts.
+  Sexp_* dead = nullptr;
+  Sexp_** dead_end = &dead;
+  const auto died = [&dead_end](Sexp_* n) {
+    *dead_end = n;
+    dead_end = &n->car;
+  };
+  // Dropping the table's hold on every entry first would find the same dead nodes; doing
+  // it in the sweep lets a cascade reach a canonical node the sweep has not dropped yet,
+  // which then dies when the sweep gets to it (it still has the table's hold till then).
+  shared_table.for_each([&died](Sexp_* n) {
+    if (detail::drop(n)) detail::dismantle(n, died);
+  });
+  *dead_end = nullptr;
+  shared_table.remove_if([](Sexp_* n) {
+    if (n->refcount == 0) return true;
+    n->add_ref();  // the table's hold, back
+    return false;
+  });
+  std::size_t freed = 0;
+  while (dead != nullptr) {
+    Sexp_* next = dead->car;
+    dead->mgr->sexp_pool.deallocate(dead);
+    dead = next;
+    ++freed;
+  }
+  return freed;
+}
+
+// Grows anyway when at least half of the growth point is still held after collecting:
+// the next collection then waits for the next growth point, so inserts pay for it. A
+// growth that fails is tried again by the next insert, without collecting again.
+void SexpManager::collect_before_growth() {
+  if (shared_table.grows_on_next_insert()) collect();
+  if (shared_table.size() >= shared_table.growth_point() / 2) {
+    collect_at = shared_table.size();
+    shared_table.rehash(shared_table.bucket_count() + 1);
+  }
+  collect_at = shared_table.growth_point();
+}
 
 SexpManager::SexpManager() {
   try {
@@ -90,6 +185,7 @@ Sexp& SexpManager::strhash(Sexp& s) {
   // The table's reference is taken first: if the insert fails the node stays alive,
   // keeping its slot and its children, rather than leaving the table a dangling entry.
   fresh->add_ref();
+  before_shared_insert();
   shared_table.insert(fresh);
   return s;
 }
@@ -106,7 +202,10 @@ Sexp SexpManager::enter_canonical(Sexp_* fresh, std::uint64_t h) {
   return Sexp(fresh, Sexp::Adopt{});
 }
 
+// In automatic mode a collection comes before the node is made, so it may take a slot just
+// given back; the shape is still absent (collecting only removes).
 Sexp SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
+  before_shared_insert();
   Sexp_* n = alloc_sexp();
   n->make_fresh_cons();
   a->add_ref();
@@ -118,9 +217,10 @@ Sexp SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
 }
 
 Sexp SexpManager::enter_symbol(unsigned long value) {
+  before_shared_insert();
   Sexp_* n = alloc_sexp();
   n->value = value;
-  return enter_canonical(n, value);
+  return enter_canonical(n, detail::Shape::symbol_hash(value));
 }
 
 namespace detail {

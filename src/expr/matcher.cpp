@@ -11,7 +11,12 @@ SexpMatcher::~SexpMatcher() { release_stack(); }
 
 // Pops from the top: each pair releases its expression side, then its pattern side.
 void SexpMatcher::release_stack() noexcept {
-  while (!stack.empty()) stack.pop_back();
+  for (; !stack.empty(); stack.pop_back()) {
+    if (!stack_owns) continue;
+    stack.back().second.get()->release();
+    stack.back().first.get()->release();
+  }
+  stack_owns = false;
 }
 
 void SexpMatcher::add_var(const Sexp& v) {
@@ -63,43 +68,34 @@ bool SexpMatcher::match(const Sexp& pattern, const Sexp& expr) {
   return matched;
 }
 
-// How the stack is kept during a walk. The pairs the walk pushes hold their nodes without
-// taking references, and are dropped without releasing them: every node they name is held
-// by its parent, up to the two roots the caller holds, for the whole call. When the call
-// ends with pairs left on the stack (a mismatch or an exception), own_stack() gives each of
-// them its two references, so that the stack then holds exactly the references that
-// pushing and popping counted pairs would have left. In between, nothing outside the call
-// can look at a count, so only the add/release traffic of the pairs the walk consumed is
-// saved. (A reallocation of the stack copies its pairs and destroys the old ones, which
-// adds and releases one reference per node: no net change, and no node can die of it.)
+// How the stack is kept during a walk. The pairs the walk pushes borrow their nodes: every
+// node they name is held by its parent, up to the two roots the caller holds, for the whole
+// call. When the call ends with pairs left on the stack (a mismatch or an exception),
+// own_stack() gives each of them its two references, so that the stack then holds exactly
+// the references that pushing and popping counted pairs would have left. In between,
+// nothing outside the call can look at a count, so only the add/release traffic of the
+// pairs the walk consumed is saved.
 void SexpMatcher::push_borrowed(Sexp_* pattern, Sexp_* expr) {
-  auto& pair = stack.emplace_back();  // two null handles, then the borrowed nodes
-  pair.first.node = pattern;
-  pair.second.node = expr;
+  stack.emplace_back(detail::SexpRef::borrow(pattern), detail::SexpRef::borrow(expr));
 }
 
 void SexpMatcher::own_stack() noexcept {
-  for (auto& pair : stack) {
-    pair.first.node->add_ref();
-    pair.second.node->add_ref();
-  }
+  for (const Pair& pair : stack) pair.first.own(), pair.second.own();
+  stack_owns = true;
 }
 
 bool SexpMatcher::walk(Sexp_* pattern, Sexp_* expr) {
   push_borrowed(pattern, expr);
   while (!stack.empty()) {
-    auto& top = stack.back();
-    Sexp_* p = top.first.node;
-    Sexp_* e = top.second.node;
-    top.first.node = nullptr;  // dropped without a release: the pair owned no reference
-    top.second.node = nullptr;
+    Sexp_* p = stack.back().first.get();
+    Sexp_* e = stack.back().second.get();
     stack.pop_back();
 
     if (is_var(p)) {
       // A new entry's key and value take their own references, as put() would.
-      auto bound = bindings.find_or_insert(Borrowed(p).get());
+      auto bound = bindings.find_or_insert(detail::SexpRef::borrow(p).handle());
       if (bound.second) {
-        bound.first->entry.second = Borrowed(e).get();
+        bound.first->entry.second = detail::SexpRef::borrow(e).handle();
       } else if (bound.first->entry.second.get()->id != e->id) {
         return false;
       }

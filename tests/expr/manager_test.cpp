@@ -35,21 +35,34 @@ TEST(SexpManager, NilAndPlainNodes) {
   EXPECT_EQ(m.sym(1).get(), raw);  // a dropped node's slot comes next
 }
 
-TEST(SexpManager, IdExhaustionThrowsAndChangesNothing) {
+// Past the counter's end, new nodes take the ids no live node has, in increasing order; a
+// snapshot of the live ids is taken at the end and again when its gaps run out.
+TEST(SexpManager, IdsWrapIntoTheGapsBetweenLiveIds) {
   SexpManager m;
-  const Sexp a = m.sh_sym(1), b = m.sh_sym(2);
-  std::uint32_t& next_id = Internals::next_id(m);
-  next_id = 0xFFFFFFFFu;
-  Sexp_* const slot = m.sym(4).get();  // takes the last id; its slot is the next handed out
-  const auto exhausted = ::testing::Throws<std::bad_alloc>(
-      ::testing::Property(&std::exception::what, ::testing::HasSubstr("ids exhausted")));
-  EXPECT_THAT([&] { return m.sym(42); }, exhausted);
-  EXPECT_THAT([&] { return m.cons(a, b); }, exhausted);
-  EXPECT_THAT([&] { return m.sh_sym(42); }, exhausted);
-  EXPECT_THAT([&] { return m.sh_cons(a, b); }, exhausted);
-  EXPECT_EQ((Words{next_id, Internals::shared_size(m), a.get()->refcount}), (Words{0, 3, 2}));
-  next_id = 100;
-  EXPECT_EQ(m.sym(5).get(), slot);
+  const Sexp a = m.sh_sym(1), b = m.sh_sym(2);  // ids 1, 2
+  m.sym(3);                                     // id 3 dies: free after the wrap
+  Internals::set_next_id(m, 6);
+  const Sexp ab = m.sh_cons(a, b), six_b = m.cons(m.sym(7), b);  // ids 6; 7 (the sym), 8
+  Internals::set_next_id(m, 0xFFFFFFFEu);
+  std::vector<Sexp> held{m.sym(9), m.sh_sym(10)};  // the counter's last two ids
+  EXPECT_EQ(Internals::snapshot_size(m), 0u);      // nothing taken before the end
+  std::vector<std::uint32_t> ids;
+  for (int i = 0; i < 3; ++i) held.push_back(m.sym(11)), ids.push_back(held.back().id());
+  EXPECT_EQ(ids, (std::vector<std::uint32_t>{3, 4, 5}));
+  EXPECT_EQ(Internals::snapshot_size(m), 8u);  // nil, a, b, ab, six_b and its car, held
+  // Sharing still finds by the live children's ids, and a hit gives its id back.
+  EXPECT_EQ(m.sh_cons(a, b), ab);
+  Sexp hit = m.cons(a, b);
+  EXPECT_EQ(m.strhash(hit), ab);
+  EXPECT_EQ(m.sh_cons(held[2], b).id(), 9u);  // 6, 7 and 8 are live; the hit gave 9 back
+  EXPECT_NE(m.sh_cons(held[3], b), m.sh_cons(held[2], b));
+  // Once the gaps run out a new snapshot is taken: 5 died since, 3 and 4 are held by the
+  // two canonical conses above. Within one snapshot, ids are not reused.
+  held.resize(2);
+  Internals::set_next_id(m, 0xFFFFFFFDu);
+  ids.clear();
+  for (int i = 0; i < 3; ++i) ids.push_back(m.sym(12).id());  // each dies at once
+  EXPECT_EQ(ids, (std::vector<std::uint32_t>{0xFFFFFFFDu, 5, 11}));
 }
 
 TEST(SexpManagerSymbols, InterningGrowthAndFailure) {

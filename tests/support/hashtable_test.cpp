@@ -53,6 +53,20 @@ TEST(Hashtable, ChainsPositionsAndRehash) {
   // clang-format on
 }
 
+// remove_if unlinks in sweep order (bucket 3's chain is 34, 2266, 3, head first) and gives
+// the chain nodes back in that order: the last one removed (10's) is the next one reused.
+TEST(Hashtable, RemoveIfSweepsInOrder) {
+  Table t;
+  for (unsigned long k : {3, 2266, 34, 10}) t.insert(k);
+  auto* const node_of_10 = (*t.end().table_buckets)[10];
+  Keys visited;
+  EXPECT_EQ(t.remove_if([&visited](unsigned long k) { return visited.push_back(k), k != 2266; }), 3u);
+  EXPECT_EQ(visited, (Keys{34, 2266, 3, 10}));
+  EXPECT_EQ(std::make_pair(t.size(), Chain(t, 3)), std::make_pair(std::size_t{1}, Keys{2266}));
+  EXPECT_EQ(t.insert(5).first.node, node_of_10);
+  EXPECT_TRUE(t.grows_on_next_insert() == (t.size() >= t.growth_point()));
+}
+
 // Every insert checks the load first, also for a present key (call 22 inserts 1000 again into
 // 22 elements): the call that grows places its key by the new bucket count.
 TEST(Hashtable, GrowthChain) {

@@ -2,6 +2,7 @@
 #ifndef VORN_TESTS_SUPPORT_INTERNALS_HPP
 #define VORN_TESTS_SUPPORT_INTERNALS_HPP
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -11,6 +12,18 @@ namespace vorn::detail {
 
 struct SexpManagerInternals {
   static std::uint32_t& next_id(SexpManager& m) { return m.next_id; }
+  /// Moves the id counter to `id` as if the ids below it had been handed out since the last
+  /// snapshot of live ids (or since construction): ids of that snapshot are still skipped.
+  static void set_next_id(SexpManager& m, std::uint32_t id) {
+    m.next_id = id;
+    m.live_at = static_cast<std::size_t>(
+        std::lower_bound(m.live_ids.begin(), m.live_ids.end(), id) - m.live_ids.begin());
+    m.id_stop = m.live_at < m.live_ids.size() ? m.live_ids[m.live_at] : 0;
+  }
+  /// Ids in the snapshot of live ids (0 until the counter first reaches its end).
+  static std::size_t snapshot_size(const SexpManager& m) { return m.live_ids.size(); }
+  static std::size_t shared_buckets(const SexpManager& m) { return m.shared_table.bucket_count(); }
+  static std::size_t slots_in_use(const SexpManager& m) { return m.sexp_pool.slots_in_use(); }
   static std::size_t shared_size(const SexpManager& m) { return m.shared_table.size(); }
   static std::size_t symbol_size(const SexpManager& m) { return m.symbol_table.size(); }
   static std::size_t symbol_buckets(const SexpManager& m) { return m.symbol_table.bucket_count(); }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "vorn/expr/sexp.hpp"
+#include "vorn/expr/shape.hpp"
 #include "vorn/expr/string_table.hpp"
 #include "vorn/support/hashtable.hpp"
 #include "vorn/support/memory_pool.hpp"
@@ -39,13 +40,25 @@ struct SexpManagerInternals;  // white-box access for the library's own tests
 ///     vorn::Sexp fx = m.sh_cons(f, m.sh_cons(x, m.nil()));   // 2. share conses over shared children
 ///     assert(fx == m.sh_cons(f, m.sh_cons(x, m.nil())));   // 3. same shape, same node
 ///
-/// A cons's shape is the pair of its children's ids, so `cons` and `sym` (which always
-/// make a new node) and a `sh_cons` over such plain children do not share with the
-/// canonical forms. Canonical nodes live as long as the manager.
+/// A cons's shape is the pair of its children's ids (detail::Shape), so `cons` and `sym`
+/// (which always make a new node) and a `sh_cons` over such plain children do not share
+/// with the canonical forms.
+///
+/// Collection: the shared table holds one reference on every canonical node, so by
+/// default canonical nodes live as long as the manager. `collect()` gives back those that
+/// nothing else holds; `set_auto_collect(true)` makes the manager do so by itself before
+/// its shared table would grow. A host that never calls either sees no difference.
 ///
 /// Ids: handed out in increasing order from 0 (nil) and not reused, except that a
-/// sharing hit gives back the id its discarded node took. When all 2^32 ids are used,
-/// making a node throws a `std::bad_alloc` whose what() says so, and changes nothing.
+/// sharing hit gives back the id its discarded node took. When the counter reaches its
+/// end (2^32 ids handed out), the manager takes a snapshot of the ids of its live nodes,
+/// sorted (4 bytes per live node, the only memory this takes, and only from then on), and
+/// hands out the ids missing from it in increasing order from 0; when those run out it
+/// takes a new snapshot. So a new node always gets an id no live node has, the id of a
+/// live node never changes, and a sharing hit still gives its id to the next node made.
+/// Only when every id is in use does making a node throw a `std::bad_alloc` whose what()
+/// says so, changing nothing; a snapshot that cannot be allocated throws plain
+/// `std::bad_alloc`, also changing nothing, and the next call tries again.
 ///
 /// Failure: exhaustion of memory is the only failure, reported as `std::bad_alloc`.
 /// Not thread-safe: even a constant read changes a count.
@@ -59,14 +72,11 @@ class SexpManager {
     }
   };
 
-  /// Hash and equality of the shared table. The hash of a symbol is its value; of a
-  /// cons, (car id << 24) + cdr id; of null, 0. Two nodes are equal when both are
-  /// symbols of one value, or both conses whose children have pairwise equal ids.
+  /// Hash and equality of the shared table: those of detail::Shape. The null key hashes
+  /// to 0 and equals only itself.
   struct Sexp_strhash_eq {
     std::uint64_t operator()(const Sexp_* n) const noexcept {
-      if (n == nullptr) return 0;
-      if (n->is_symbol) return n->value;
-      return (static_cast<std::uint64_t>(n->car->id) << 24) + n->cdr->id;
+      return n == nullptr ? 0 : detail::Shape::hash(n);
     }
     /// Hashing reads the node (stage 0), then a cons's two children (stage 1).
     static void prefetch(const Sexp_* n, int stage) noexcept {
@@ -79,9 +89,7 @@ class SexpManager {
     }
     bool operator()(const Sexp_* a, const Sexp_* b) const noexcept {
       if (a == nullptr || b == nullptr) return a == b;
-      if (a->is_symbol != b->is_symbol) return false;
-      if (a->is_symbol) return a->value == b->value;
-      return a->car->id == b->car->id && a->cdr->id == b->cdr->id;
+      return detail::Shape::same(a, b);
     }
   };
 
@@ -99,7 +107,7 @@ class SexpManager {
   /// manager. The caller owns its reference. The slot is taken before the id, so a
   /// failure leaves the counter alone.
   Sexp_* alloc_sexp() {
-    if (next_id == 0 && nil_node != nullptr) throw_ids_exhausted();
+    ensure_free_id();
     Sexp_* n = ::new (sexp_pool.allocate()) Sexp_();
     n->id = next_id++;
     n->mgr = this;
@@ -195,17 +203,18 @@ class SexpManager {
     Sexp_* a = car.get();
     Sexp_* d = cdr.get();
     reserve_node();
-    const std::uint64_t h = (static_cast<std::uint64_t>(a->id) << 24) + d->id;
+    const std::uint64_t h = detail::Shape::cons_hash(a, d);
     Sexp_** found;
-    if (child_ids_are_identities && a->mgr == this && d->mgr == this) {
-      // Same answer as the id comparison below (see child_ids_are_identities), without
-      // reading the stored node's children.
-      found = shared_table.find_item(
-          h, [a, d](const Sexp_* n) { return n->is_symbol == 0 && n->car == a && n->cdr == d; });
-    } else {
+    if (children_by_address(a, d)) {
       found = shared_table.find_item(h, [a, d](const Sexp_* n) {
-        return n->is_symbol == 0 && n->car->id == a->id && n->cdr->id == d->id;
+        const bool same = n->is_symbol == 0 && n->car == a && n->cdr == d;
+        assert(same == detail::Shape::is_cons_of(n, a, d) &&
+               "children by address disagree with ids");
+        return same;
       });
+    } else {
+      found = shared_table.find_item(
+          h, [a, d](const Sexp_* n) { return detail::Shape::is_cons_of(n, a, d); });
     }
     if (found != nullptr) return Sexp(*found);
     return enter_cons(a, d, h);
@@ -215,10 +224,46 @@ class SexpManager {
   Sexp sh_sym(unsigned long value) {
     reserve_node();
     Sexp_** found = shared_table.find_item(
-        value, [value](const Sexp_* n) { return n->is_symbol != 0 && n->value == value; });
+        detail::Shape::symbol_hash(value),
+        [value](const Sexp_* n) { return detail::Shape::is_symbol_of(n, value); });
     if (found != nullptr) return Sexp(*found);
     return enter_symbol(value);
   }
+
+  // ---- collection ------------------------------------------------------------------
+
+  /// Gives back every canonical node that nothing but the shared table holds, and every
+  /// node (canonical or plain) whose last holder goes with it, in one call; nil stays.
+  /// Returns the number of nodes whose slots went back to a node pool (a plain node of
+  /// another manager, dying because a collected cons held it, goes back to its own).
+  ///
+  /// Order: the table is swept bucket by bucket in index order, each chain head to tail,
+  /// dropping the table's hold on each node. A node whose last hold goes dies at that
+  /// point and, in post-order (car side first), every node whose last holder it was: a
+  /// canonical one among them dies there only if the sweep has dropped the table's hold
+  /// on it already, and otherwise when the sweep reaches it. Surviving nodes get the
+  /// table's hold back. The dead nodes' slots then go to the free list in the order the
+  /// nodes died, so the last node to die takes the first slot handed out next; their
+  /// table chain nodes go back in sweep order, so the last entry removed is reused first.
+  /// Pools keep their chunks; the table keeps its bucket count.
+  ///
+  /// Collected ids are not handed out again (until the ids wrap; see the class comment);
+  /// a collected shape built again is a new canonical node with a new id. A canonical cons
+  /// changed in place (setcar/setcdr) is found by its entry, whatever its shape is now.
+  /// Linear in the table's size plus the nodes given back; allocates nothing, recurses
+  /// nowhere.
+  std::size_t collect() noexcept;
+
+  /// Automatic collection, off by default. While on, an insert into the shared table that
+  /// would grow it collects first. The table then grows only when at least half of the
+  /// entries at which it would have grown are still held after collecting, so each
+  /// collection is paid for by as many inserts as it can free, and collecting never costs
+  /// more than a constant factor over growing. A sharing hit never collects.
+  void set_auto_collect(bool on) noexcept {
+    auto_collecting = on;
+    collect_at = shared_table.growth_point();
+  }
+  bool auto_collect() const noexcept { return auto_collecting; }
 
  private:
   friend void detail::reclaim(Sexp_*) noexcept;
@@ -234,11 +279,25 @@ class SexpManager {
 
   [[noreturn]] static void throw_ids_exhausted();
   void free_names() noexcept;
+
+  // Makes `next_id` an id that no live node has, the one the next node made takes. Only
+  // the end of the counter or the next id of the snapshot needs a look (out of line).
+  void ensure_free_id() {
+    if (next_id == id_stop) skip_live_ids();
+  }
+  void skip_live_ids();
+  void take_live_ids();
   // Fails exactly as alloc_sexp would, without making a node.
   void reserve_node() {
-    if (next_id == 0 && nil_node != nullptr) throw_ids_exhausted();
+    ensure_free_id();
     if (!sexp_pool.has_free_slot()) take_node_chunk();
   }
+  // Before an insert into the shared table: in automatic mode, collect rather than grow.
+  // May throw `std::bad_alloc` from a growth, once it has collected.
+  void before_shared_insert() {
+    if (auto_collecting && shared_table.size() >= collect_at) collect_before_growth();
+  }
+  void collect_before_growth();
   void take_node_chunk();
   // The misses of sh_cons and sh_sym: make the node, enter it as canonical (its shape
   // hashes to `h` and is absent from the table), return a handle on it.
@@ -249,9 +308,23 @@ class SexpManager {
   void check_children(const Sexp_* cons) noexcept {
     if (cons->car->mgr != this || cons->cdr->mgr != this) child_ids_are_identities = false;
   }
+  // Whether the shape (car, cdr) may be looked up comparing children by address; see
+  // child_ids_are_identities. Debug builds check each such comparison against the ids.
+  bool children_by_address(const Sexp_* car, const Sexp_* cdr) const noexcept {
+    return child_ids_are_identities && car->mgr == this && cdr->mgr == this;
+  }
 
   // Declaration order is construction order.
-  std::uint32_t next_id = 0;          // id of the next node made
+  std::uint32_t next_id = 0;  // id of the next node made, once ensure_free_id() ran
+  // next_id == id_stop sends ensure_free_id() the slow way: 0 (the counter's end, where it
+  // wraps) until the first snapshot, then the next id in live_ids at or above next_id, or
+  // 0 past the last one. Nil's id is 0, so the constructor takes that way once too.
+  std::uint32_t id_stop = 0;
+  // Sorted distinct ids of the nodes alive when the counter last reached its end; empty
+  // until then. Ids below next_id are used up; those from live_ids[live_at] on are skipped.
+  std::vector<std::uint32_t> live_ids;
+  std::size_t live_at = 0;
+  bool snapshot_lost = false;         // a snapshot failed: next_id stands for the counter's end
   SymbolTable symbol_table;           // name copy -> symbol id
   std::vector<char*> symbol_names;    // symbol id -> owned name copy
   MemoryPool<32, false> sexp_pool{1024, 1.0f, 0};  // every node of this manager
@@ -262,14 +335,19 @@ class SexpManager {
   // True while, for every canonical cons, comparing its children with two nodes of this
   // manager by address gives the same answer as comparing them by id (the shape's
   // definition). That holds as long as (1) every canonical cons's children belong to this
-  // manager and (2) no two live nodes of this manager share an id: ids are handed out
-  // once, never wrap, and the one id given back (strhash's) belongs to a node that dies.
+  // manager and (2) no two live nodes of this manager share an id: a new node takes an id
+  // no live node has (also after the counter wraps), and the one id given back
+  // (strhash's) belongs to a node that dies. Collection keeps both: it only removes.
   // Cleared for good when a canonical cons is entered with, or set (setcar/setcdr) to, a
   // child of another manager or an unmanaged node, or when strhash gives back the id of a
   // node that another handle keeps alive. Assumed, as everywhere in the manager: strhash
   // is given the node made last, and a node's `id`, `car` and `cdr` change only through
   // the manager and the handle operations.
   bool child_ids_are_identities = true;
+  bool auto_collecting = false;  // see set_auto_collect
+  // In automatic mode, the table size at which an insert first calls collect_before_growth:
+  // the table's growth point, or the size at which a growth it decided on failed.
+  std::uint64_t collect_at = 0;
 };
 
 }  // namespace vorn

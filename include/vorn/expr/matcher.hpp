@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "vorn/expr/sexp.hpp"
+#include "vorn/expr/sexp_ref.hpp"
 #include "vorn/support/hashtable.hpp"
 #include "vorn/support/ordered_map.hpp"
 
@@ -91,23 +92,15 @@ class SexpMatcher {
   bool walk(Sexp_* pattern, Sexp_* expr);
   void push_borrowed(Sexp_* pattern, Sexp_* expr);
   void own_stack() noexcept;
-  // A handle on a node that someone else keeps alive, owning no reference: it is let go
-  // without a release, also when an exception passes.
-  class Borrowed {
-   public:
-    explicit Borrowed(Sexp_* n) noexcept : handle(n, Sexp::Adopt{}) {}
-    ~Borrowed() { handle.node = nullptr; }
-    Borrowed(const Borrowed&) = delete;
-    Borrowed& operator=(const Borrowed&) = delete;
-    const Sexp& get() const noexcept { return handle; }
 
-   private:
-    Sexp handle;
-  };
+  using Pair = std::pair<detail::SexpRef, detail::SexpRef>;  // (pattern node, expression node)
 
   Bindings bindings;  // variable value -> bound expression; ordered by value
   VarSet vars;        // declared variable values; only grows
-  std::vector<std::pair<Sexp, Sexp>> stack;  // (pattern node, expression node) still to visit
+  std::vector<Pair> stack;  // pairs still to visit
+  // Whether every pair on the stack holds one reference on each of its nodes: false during
+  // a walk (pairs borrow), true once a walk has ended with pairs left over.
+  bool stack_owns = false;
   std::uint64_t var_filter = 0;  // bit v % 64 set for every value v in `vars`
 };
 

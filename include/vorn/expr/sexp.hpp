@@ -14,6 +14,9 @@ namespace vorn {
 
 class SexpManager;
 struct Sexp_;
+namespace detail {
+class SexpRef;
+}  // namespace detail
 
 namespace detail {
 /// Ends the life of `node`, whose last reference is gone and whose manager is set:
@@ -176,7 +179,7 @@ class Sexp {
 
  private:
   friend class SexpManager;
-  friend class SexpMatcher;
+  friend class detail::SexpRef;
   struct Adopt {};
   // Takes over the reference a freshly made node already carries (count 1).
   Sexp(Sexp_* n, Adopt) noexcept : node(n) {}

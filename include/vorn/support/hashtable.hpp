@@ -4,6 +4,7 @@
 #define VORN_SUPPORT_HASHTABLE_HPP
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
@@ -164,8 +165,8 @@ struct GetKey_pair {
 ///
 /// Growth: at the start of every `insert`, when count / bucket_count (in single
 /// precision) exceeds 0.7, the table grows to the next entry of `primes`, also when
-/// the key then turns out to be present. It never shrinks, and single elements are
-/// never removed: the table empties only all at once (`clear`).
+/// the key then turns out to be present. It never shrinks. Elements leave all at once
+/// (`clear`) or by a sweep over the whole table (`remove_if`).
 ///
 /// `Eq` is always called with the stored key first. Not thread-safe.
 template <class Value, class GetKey, class Key, class Hash, class Eq>
@@ -254,6 +255,7 @@ class Hashtable {
   /// insert() of an element whose key is known to be absent and whose hash is `h`:
   /// the same growth check, the same chain-head linking, no second walk of the chain.
   iterator insert_absent(std::uint64_t h, const Value& v) {
+    assert(h == Hash()(GetKey()(v)) && "insert_absent given another hash than the key's");
     grow_if_loaded();
     return link_new(bucket_of(h), v);
   }
@@ -303,6 +305,52 @@ class Hashtable {
     }
     count = 0;
   }
+
+  /// Calls `visit(item)` for every element in sweep order: bucket by bucket in index order,
+  /// each chain head to tail. `visit` may change what elements point to, not the table.
+  template <class Visit>
+  void for_each(Visit visit) {
+    for (Bucket* head : buckets) {
+      for (Bucket* b = head; b != nullptr; b = b->next) visit(b->item);
+    }
+  }
+
+  /// Whether `test(item)` holds for some element; stops at the first, in sweep order.
+  template <class Test>
+  bool any_of(Test test) const {
+    for (Bucket* head : buckets) {
+      for (Bucket* b = head; b != nullptr; b = b->next) {
+        if (test(b->item)) return true;
+      }
+    }
+    return false;
+  }
+
+  /// Removes every element for which `dead(item)` holds, calling it once per element in
+  /// sweep order (see for_each). The chain nodes go back to the pool in that order, so the
+  /// last one removed is the next one reused. Returns the number removed. No hashing.
+  template <class Dead>
+  std::size_t remove_if(Dead dead) {
+    const std::uint64_t before = count;
+    for (Bucket*& head : buckets) {
+      for (Bucket** link = &head; *link != nullptr;) {
+        Bucket* b = *link;
+        if (dead(b->item)) {
+          *link = b->next;
+          pool.deallocate(b);
+          --count;
+        } else {
+          link = &b->next;
+        }
+      }
+    }
+    return static_cast<std::size_t>(before - count);
+  }
+
+  /// Whether the next insert grows the table (the load test insert() starts with).
+  bool grows_on_next_insert() const noexcept { return count >= grow_at; }
+  /// The element count at which inserts start growing the table.
+  std::uint64_t growth_point() const noexcept { return grow_at; }
 
   iterator end() noexcept { return iterator(&buckets, buckets.size(), buckets.size(), nullptr); }
 

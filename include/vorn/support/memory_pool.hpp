@@ -79,7 +79,8 @@ class MemoryPool<Size, false> {
              std::uint64_t max_chunk_slots) noexcept
       : chunk_slots(first_chunk_slots),
         growth_factor(growth_factor),
-        max_chunk_slots(max_chunk_slots) {}
+        max_chunk_slots(max_chunk_slots),
+        oldest_chunk_slots(first_chunk_slots) {}
 
   MemoryPool(const MemoryPool&) = delete;
   MemoryPool& operator=(const MemoryPool&) = delete;
@@ -114,6 +115,39 @@ class MemoryPool<Size, false> {
   /// True when the next `allocate()` is served without taking a chunk.
   bool has_free_slot() const noexcept { return free_list != nullptr; }
 
+  /// Slots handed out and not given back. Walks the free list; allocates nothing.
+  std::uint64_t slots_in_use() const noexcept {
+    std::uint64_t free_slots = 0;
+    for (void* s = free_list; s != nullptr; s = *static_cast<void**>(s)) ++free_slots;
+    return slots_in_chunks - free_slots;
+  }
+
+  /// Calls `visit(slot)` for every slot handed out and not given back, chunk by chunk from
+  /// the oldest, each chunk in address order. Allocates nothing; `visit` must not allocate
+  /// from or give back to this pool.
+  ///
+  /// Free slots are told apart by the pool's own address, written in their second word for
+  /// the duration of the call: every slot in use must have its second word set, to anything
+  /// but that address.
+  template <class Visit>
+  void for_each_in_use(Visit visit) noexcept {
+    static_assert(Size >= 2 * sizeof(void*), "a free slot must hold its link and a mark");
+    mark_free_slots(this);
+    // Chunk sizes follow from the first one, so the chunks are walked oldest first: their
+    // list (newest first) is reversed for the walk and restored after it.
+    reverse_chunks();
+    std::uint64_t n = oldest_chunk_slots;
+    for (void* chunk = chunk_list; chunk != nullptr; chunk = *static_cast<void**>(chunk)) {
+      char* slot = static_cast<char*>(chunk) + sizeof(void*);
+      for (std::uint64_t i = 0; i < n; ++i, slot += Size) {
+        if (reinterpret_cast<void**>(slot)[1] != this) visit(static_cast<void*>(slot));
+      }
+      n = next_chunk_slots(n);
+    }
+    reverse_chunks();
+    mark_free_slots(nullptr);
+  }
+
  private:
   // The single place that calls malloc; kept out of line so that allocate() stays small.
   __attribute__((noinline)) void take_chunk() {
@@ -122,10 +156,8 @@ class MemoryPool<Size, false> {
     if (chunk == nullptr) throw std::bad_alloc();
     *static_cast<void**>(chunk) = chunk_list;
     chunk_list = chunk;
-
-    auto next = static_cast<std::uint64_t>(static_cast<float>(n) * growth_factor);
-    if (max_chunk_slots != 0 && max_chunk_slots < next) next = max_chunk_slots;
-    chunk_slots = next;
+    slots_in_chunks += n;
+    chunk_slots = next_chunk_slots(n);
 
     char* first = static_cast<char*>(chunk) + sizeof(void*);
     char* last = first + (n - 1) * Size;
@@ -138,11 +170,39 @@ class MemoryPool<Size, false> {
     free_list = first;
   }
 
+  // The size of the chunk taken after one of `n` slots.
+  std::uint64_t next_chunk_slots(std::uint64_t n) const noexcept {
+    auto next = static_cast<std::uint64_t>(static_cast<float>(n) * growth_factor);
+    return max_chunk_slots != 0 && max_chunk_slots < next ? max_chunk_slots : next;
+  }
+
+  // Writes `mark` in the second word of every free slot (unpoisoned while it is not null).
+  void mark_free_slots(void* mark) noexcept {
+    for (void* s = free_list; s != nullptr; s = *static_cast<void**>(s)) {
+      if (mark != nullptr) detail::unpoison_slot(s, Size);
+      static_cast<void**>(s)[1] = mark;
+      if (mark == nullptr) detail::poison_free_slot(s, Size);
+    }
+  }
+
+  void reverse_chunks() noexcept {
+    void* reversed = nullptr;
+    while (chunk_list != nullptr) {
+      void* older = *static_cast<void**>(chunk_list);
+      *static_cast<void**>(chunk_list) = reversed;
+      reversed = chunk_list;
+      chunk_list = older;
+    }
+    chunk_list = reversed;
+  }
+
   std::uint64_t chunk_slots;      // slots in the next chunk taken
   float growth_factor;            // applied to chunk_slots after each chunk
   std::uint64_t max_chunk_slots;  // cap on chunk_slots; 0 = none
+  std::uint64_t oldest_chunk_slots;  // slots in the first chunk
   void* chunk_list = nullptr;     // newest chunk; each chunk's first word links to the older one
   void* free_list = nullptr;      // first free slot; each free slot's first word links to the next
+  std::uint64_t slots_in_chunks = 0;  // slots in all chunks taken
 };
 
 /// A MemoryPool whose slots hold one `T` each, with `alloc` to construct one in place.
