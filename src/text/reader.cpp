@@ -18,6 +18,10 @@ namespace {
 
 // What the buffer makes room for at least before each read of the stream.
 constexpr std::size_t kChunk = 64 * 1024;
+// Up to this many bytes held, the reader looks at what it has as soon as the stream has
+// nothing more ready, rather than wait for as much again: typed or piped expressions are
+// returned once complete, and rescanning costs at most this much per read.
+constexpr std::size_t kLookEarly = 4 * 1024;
 
 // `p` moved past `bytes`.
 TextPosition advanced(TextPosition p, std::string_view bytes) noexcept {
@@ -111,8 +115,9 @@ bool TextReader::next(Sexp& e) {
       } catch (const ParseError& x) {
         fail(in_stream(x, at));
       }
-      start_ = at;
-      consume(scan.end);
+      start_ = cursor_ = at;
+      begin_ += scan.begin;
+      consume(slice.size());
       return true;
     }
     if (scan.kind == detail::Scan::none) {
@@ -128,8 +133,9 @@ bool TextReader::next(Sexp& e) {
   }
 }
 
-// Reads until `at_least` new bytes have come or the stream has ended. Growing the buffer
-// builds a new one before dropping the old, so std::bad_alloc leaves the reader as it was.
+// Reads until `at_least` new bytes have come, the stream has ended, or (while little is
+// held) the stream has nothing more ready. Growing the buffer builds a new one before
+// dropping the old, so std::bad_alloc leaves the reader as it was.
 void TextReader::fill(std::size_t at_least) {
   std::size_t got = 0;
   while (got < at_least && !at_end_) {
@@ -150,6 +156,7 @@ void TextReader::fill(std::size_t at_least) {
     if (n == 0) at_end_ = true;
     end_ += n;
     got += n;
+    if (end_ - begin_ <= kLookEarly && in_.rdbuf() != nullptr && in_.rdbuf()->in_avail() <= 0) break;
   }
 }
 

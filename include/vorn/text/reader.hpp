@@ -38,14 +38,17 @@ struct TextPosition {
 /// Memory: the buffer holds the unread part of the expression (or comment) being read,
 /// never what has been returned, so it grows to about twice the largest expression plus
 /// one 64 KiB chunk, whatever the stream's length. Time is linear in the stream: while an
-/// expression is incomplete, the reader reads at least as many new bytes as it already
-/// holds before looking at it again, so a single huge expression is scanned O(1) times
-/// per byte on average.
+/// expression of more than 4 KiB is incomplete, the reader reads at least as many new
+/// bytes as it already holds before looking at it again, so a single huge expression is
+/// scanned a bounded number of times per byte on average.
 ///
 /// The stream is read through its buffer, taking what it has ready (waiting for at least
-/// one byte), so a pipe's expressions are returned as they arrive. Reading stops at the
-/// stream's end or first failure; which of the two it was is the stream's to say
-/// (`in.bad()`). An expression cut short there is a ParseError like any unfinished text.
+/// one byte). A smaller unfinished expression is looked at again as soon as the stream
+/// has nothing more ready, so expressions typed at a terminal or written to a pipe are
+/// returned once complete. Reading stops at the stream's end or first failure; which of
+/// the two it was is the stream's to say (`in.bad()`). An expression cut short there is a
+/// ParseError like any unfinished text. A stream set to throw on failure passes its
+/// exception through, and the reader can go on from where it was.
 ///
 /// Errors: bad text throws ParseError with the line and column in the whole stream. The
 /// manager is left exactly as it was before that call: no node of the bad expression is
