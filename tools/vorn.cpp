@@ -42,16 +42,16 @@ constexpr std::uint64_t kDefaultMaxSteps = 1000000;
 const char* const kMainHelp = R"(usage: vorn COMMAND [OPTION...] [OPERAND...]
 
 Commands:
-  print EXPR...                   the diagnostic text of each expression
+  print EXPR... | -f FILE...      the diagnostic text of each expression
   match PATTERN EXPR              whether EXPR matches PATTERN, and the bindings
   rewrite [RULES-FILE] [TERM...]  rewrite terms to normal form with rules
   stats FILE...                   what files cost as trees and as canonical nodes
 
-Options of every command:
-  --dialect NAME  read text, and write results, in dialect NAME: vorn (the default),
-                  smtlib or scheme
-  -f FILE         (print, match, rewrite) the expressions of FILE, '-' for standard
-                  input, where the command takes expressions: all of them for print and
+Options:
+  --dialect NAME  (every command) read text, and write results, in dialect NAME: vorn
+                  (the default), smtlib or scheme
+  -f FILE         (print, match, rewrite) the expressions of FILE ('-': standard input)
+                  where the command takes expressions: all of them for print and
                   rewrite, exactly one for match; files and operands count in the order
                   given
 
@@ -128,7 +128,8 @@ that adds them up:
   distinct   the canonical nodes that make them: each shape once
   sharing    elements per distinct node
   heap       the heap bytes the manager holds once the file is read: node slots, the
-             table of shapes, names and strings (measured, where the C library tells)
+             table of shapes, names and strings (measured with the C library's
+             mallinfo2; '-' where it has none)
   heap/node  heap per distinct node
   read       the time spent reading and building, and MB/s the bytes read per second
 
