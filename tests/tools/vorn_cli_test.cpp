@@ -81,6 +81,7 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
                      terms + " +28 B +20 +11 +1.82 .*\n<stdin> +7 B +7 +6 +1.17 .*\n"
                      "total +35 B +27 +17 +1.59 [^\n]*\n$"), ""},
       {{"stats", "/nonexistent"}, "", 2, "", "vorn: /nonexistent: cannot open: No such file or directory\n"},
+      {{"stats", "/"}, "", 2, "", "vorn: /: cannot read\n"},  // a directory opens, but does not read
       {{"stats", "--dialect", "lisp", "x"}, "", 2, "",
        StartsWith("vorn: --dialect needs vorn, smtlib or scheme, not 'lisp'\nusage: vorn stats")},
       {{"rewrite"}, "", 0,  // the built-in demonstration
