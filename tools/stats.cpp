@@ -84,7 +84,8 @@ std::string bytes_text(std::uint64_t bytes) {
 
 std::vector<std::string> cells(const StatsRow& r) {
   const auto ratio = [](std::uint64_t a, std::uint64_t b, const char* spec) {
-    return b == 0 ? std::string("-") : format(spec, static_cast<double>(a) / static_cast<double>(b));
+    return b == 0 ? std::string("-")
+                  : format(spec, static_cast<double>(a) / static_cast<double>(b));
   };
   const double ms = r.seconds * 1000;
   return {r.name,

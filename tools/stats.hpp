@@ -49,11 +49,11 @@ std::optional<std::size_t> heap_in_use();
 /// One line of the `vorn stats` table.
 struct StatsRow {
   std::string name;
-  std::uint64_t bytes = 0;               // of text read
-  std::uint64_t elements = 0;            // TreeCounter::elements
-  std::uint64_t distinct = 0;            // TreeCounter::distinct
-  std::optional<std::uint64_t> heap;     // heap bytes held by the manager after reading
-  double seconds = 0;                    // spent reading
+  std::uint64_t bytes = 0;            // of text read
+  std::uint64_t elements = 0;         // TreeCounter::elements
+  std::uint64_t distinct = 0;         // TreeCounter::distinct
+  std::optional<std::uint64_t> heap;  // heap bytes held by the manager after reading
+  double seconds = 0;                 // spent reading
 };
 
 /// The rows as an aligned table with a header and, for more than one row, a total that

@@ -151,8 +151,9 @@ struct Usage : std::runtime_error {
 // The dialects by name: all the command knows of them, since reading, positions and
 // writing are the library's. (Should the dialects' syntax definitions carry their names,
 // this table is the one line to take from them.)
-constexpr std::pair<const char*, vorn::Dialect> kDialects[] = {
-    {"vorn", vorn::Dialect::vorn}, {"smtlib", vorn::Dialect::smtlib}, {"scheme", vorn::Dialect::scheme}};
+constexpr std::pair<const char*, vorn::Dialect> kDialects[] = {{"vorn", vorn::Dialect::vorn},
+                                                               {"smtlib", vorn::Dialect::smtlib},
+                                                               {"scheme", vorn::Dialect::scheme}};
 
 vorn::Dialect dialect_named(const std::string& name, const char* help) {
   for (const auto& [known, dialect] : kDialects) {
@@ -272,7 +273,8 @@ std::vector<Input> expression_inputs(const Options& o, std::size_t first) {
   std::vector<Input> inputs;
   std::size_t f = 0;
   for (std::size_t i = first;; ++i) {
-    while (f < o.files.size() && o.files[f].first <= i) inputs.push_back(file_input(o.files[f++].second));
+    while (f < o.files.size() && o.files[f].first <= i)
+      inputs.push_back(file_input(o.files[f++].second));
     if (i >= o.operands.size()) return inputs;
     inputs.push_back({Input::operand, "<arg " + std::to_string(i + 1) + ">", o.operands[i]});
   }
@@ -284,7 +286,8 @@ std::vector<Input> expression_inputs(const Options& o, std::size_t first) {
 void load_rules(SexpManager& m, vorn::tool::Rewriter& rewriter, const Input& input,
                 vorn::Dialect dialect) {
   std::vector<std::pair<Sexp, TextPosition>> forms;
-  read_input(m, input, dialect, [&](const Sexp& e, const TextPosition& p) { forms.emplace_back(e, p); });
+  read_input(m, input, dialect,
+             [&](const Sexp& e, const TextPosition& p) { forms.emplace_back(e, p); });
   const Sexp rule = m.sh_sym(m.make_symbol("rule"));
   for (const auto& [form, where] : forms) {
     const bool three = !form.is_symbol() && form.car() == rule && !form.cdr().is_symbol() &&
@@ -327,9 +330,11 @@ Options parse_options(const std::vector<std::string>& args, Takes takes, const c
       o.dialect = dialect_named(value(i, "--dialect"), help);
     } else if (takes != Takes::nothing && (is(a, "-f") || is(a, "--file"))) {
       o.files.emplace_back(o.operands.size(), value(i, a[1] == 'f' ? "-f" : "--file"));
-    } else if (takes == Takes::rewriting && (a == "--builtin" || a == "--trace" || a == "--stats")) {
+    } else if (takes == Takes::rewriting &&
+               (a == "--builtin" || a == "--trace" || a == "--stats")) {
       (a == "--builtin" ? o.builtin : a == "--trace" ? o.trace : o.stats) = true;
-    } else if (takes == Takes::rewriting && (a == "--max-steps" || a.rfind("--max-steps=", 0) == 0)) {
+    } else if (takes == Takes::rewriting &&
+               (a == "--max-steps" || a.rfind("--max-steps=", 0) == 0)) {
       std::string n;
       if (a.size() > 11)
         n = a.substr(12);
@@ -402,7 +407,8 @@ int rewrite_command(const Options& o) {
   vorn::tool::Rewriter rewriter(m);
   // The built-in rules and samples are vorn text, whatever the dialect.
   if (builtin) {
-    load_rules(m, rewriter, {Input::text, "<builtin>", vorn::tool::builtin_rules}, vorn::Dialect::vorn);
+    load_rules(m, rewriter, {Input::text, "<builtin>", vorn::tool::builtin_rules},
+               vorn::Dialect::vorn);
   } else {
     load_rules(m, rewriter, file_input(o.operands[0]), o.dialect);
   }
@@ -474,12 +480,13 @@ vorn::tool::StatsRow file_stats(const Input& input, vorn::Dialect dialect) {
   vorn::tool::TreeCounter counter;
   Clock::duration reading{};
   Clock::time_point mark = Clock::now();
-  const TextPosition end = read_stream(*m, input, in.get(), dialect, [&](const Sexp& e, const TextPosition&) {
-    const Clock::time_point read = Clock::now();
-    reading += read - mark;
-    counter.add(e);
-    mark = Clock::now();
-  });
+  const TextPosition end =
+      read_stream(*m, input, in.get(), dialect, [&](const Sexp& e, const TextPosition&) {
+        const Clock::time_point read = Clock::now();
+        reading += read - mark;
+        counter.add(e);
+        mark = Clock::now();
+      });
   reading += Clock::now() - mark;
   const std::optional<std::size_t> heap_after = vorn::tool::heap_in_use();
   vorn::tool::StatsRow row;
@@ -495,7 +502,8 @@ vorn::tool::StatsRow file_stats(const Input& input, vorn::Dialect dialect) {
 int stats_command(const Options& o) {
   if (o.operands.empty()) throw Usage("stats needs at least one FILE", kStatsHelp);
   std::vector<vorn::tool::StatsRow> rows;
-  for (const std::string& path : o.operands) rows.push_back(file_stats(file_input(path), o.dialect));
+  for (const std::string& path : o.operands)
+    rows.push_back(file_stats(file_input(path), o.dialect));
   std::cout << vorn::tool::stats_table(rows);
   return flushed(0);
 }

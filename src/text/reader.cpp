@@ -63,7 +63,8 @@ ParseError in_stream(const ParseError& e, const TextPosition& origin) {
   const std::string& from = e.message();
   std::string message;
   std::size_t copied = 0;
-  for (std::size_t at = from.find(" at "); at != std::string::npos; at = from.find(" at ", at + 1)) {
+  for (std::size_t at = from.find(" at "); at != std::string::npos;
+       at = from.find(" at ", at + 1)) {
     std::size_t i = at + 4, line = 0, column = 0;
     if (!read_count(from, i, line) || i == from.size() || from[i] != ':') continue;
     ++i;
@@ -156,7 +157,8 @@ void TextReader::fill(std::size_t at_least) {
     if (n == 0) at_end_ = true;
     end_ += n;
     got += n;
-    if (end_ - begin_ <= kLookEarly && in_.rdbuf() != nullptr && in_.rdbuf()->in_avail() <= 0) break;
+    if (end_ - begin_ <= kLookEarly && in_.rdbuf() != nullptr && in_.rdbuf()->in_avail() <= 0)
+      break;
   }
 }
 

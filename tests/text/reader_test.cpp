@@ -41,7 +41,8 @@ class CutBuf : public std::streambuf {
   std::size_t next_ = 0;
 };
 
-using Read = std::tuple<Sexp, std::size_t, std::size_t, std::uint64_t>;  // node, line, column, offset
+using Read =
+    std::tuple<Sexp, std::size_t, std::size_t, std::uint64_t>;  // node, line, column, offset
 
 std::vector<Read> ReadAll(SexpManager& m, const std::string& text, std::vector<std::size_t> cuts,
                           TextPosition* end = nullptr) {
@@ -76,7 +77,9 @@ struct TextGen {
   std::vector<std::size_t> starts;
   bool after_word = false;  // the text ends in a word, which a word may not follow directly
 
-  std::size_t pick(std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(rng); }
+  std::size_t pick(std::size_t n) {
+    return std::uniform_int_distribution<std::size_t>(0, n - 1)(rng);
+  }
   void gap(bool may_be_empty) {
     static const char* const gaps[] = {"", " ", "\n", " ; note (\n", "\t\n  ", "\r\n"};
     const std::size_t g = pick(6);
@@ -85,8 +88,8 @@ struct TextGen {
     if (g != 0) after_word = false;
   }
   void atom() {
-    static const char* const atoms[] = {"a", "foo", "x.y", "|a b|", "|\\|\\\\|", "||", "-1.5e3",
-                                        "?v", "a#"};
+    static const char* const atoms[] = {"a",  "foo",    "x.y", "|a b|", "|\\|\\\\|",
+                                        "||", "-1.5e3", "?v",  "a#"};
     const std::string a = atoms[pick(9)];
     if (after_word && a[0] != '|') text += ' ';
     text += a;
@@ -139,7 +142,8 @@ TEST(TextReader, SameExpressionsAndPositionsAsParseAllAtEveryCut) {
     for (std::size_t cut = 0; cut <= text.size(); ++cut) cut_sets.emplace_back(1, cut);
     for (std::size_t k : {1, 2, 5}) {  // random pieces of 1..k bytes
       std::vector<std::size_t> cuts;
-      for (std::size_t at = 1 + gen.starts.size() % k; at < text.size(); at += 1 + (at * 7919 + seed) % k)
+      for (std::size_t at = 1 + gen.starts.size() % k; at < text.size();
+           at += 1 + (at * 7919 + seed) % k)
         cuts.push_back(at);
       cut_sets.push_back(cuts);
     }

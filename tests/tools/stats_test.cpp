@@ -41,7 +41,8 @@ TEST(TreeCounter, DeepAndExponentialDagsOnASmallStack) {
 
     TreeCounter list;  // a million-element list: a million cells, its atoms and nil
     Sexp l = m.nil();
-    for (int i = 0; i < 1'000'000; ++i) l = m.sh_cons(m.sh_sym(m.make_symbol(i % 2 ? "x" : "y")), l);
+    for (int i = 0; i < 1'000'000; ++i)
+      l = m.sh_cons(m.sh_sym(m.make_symbol(i % 2 ? "x" : "y")), l);
     list.add(l);
     EXPECT_EQ(list.elements(), 2'000'001u);
     EXPECT_EQ(list.distinct(), 1'000'003u);
@@ -54,11 +55,12 @@ TEST(StatsTable, AlignsColumnsAndAddsATotalForSeveralRows) {
   EXPECT_EQ(stats_table({a}),
             "file    bytes  elements  distinct  sharing      heap  heap/node      read  MB/s\n"
             "a.sx  2.0 KiB       700       100     7.00  40.0 KiB    409.6 B  2.000 ms   1.0\n");
-  EXPECT_EQ(stats_table({a, b}),
-            "file            bytes  elements  distinct  sharing      heap  heap/node      read  MB/s\n"
-            "a.sx          2.0 KiB       700       100     7.00  40.0 KiB    409.6 B  2.000 ms   1.0\n"
-            "long/name.sx     10 B         5         5     1.00         -          -  0.000 ms     -\n"
-            "total         2.0 KiB       705       105     6.71         -          -  2.000 ms   1.0\n");
+  EXPECT_EQ(
+      stats_table({a, b}),
+      "file            bytes  elements  distinct  sharing      heap  heap/node      read  MB/s\n"
+      "a.sx          2.0 KiB       700       100     7.00  40.0 KiB    409.6 B  2.000 ms   1.0\n"
+      "long/name.sx     10 B         5         5     1.00         -          -  0.000 ms     -\n"
+      "total         2.0 KiB       705       105     6.71         -          -  2.000 ms   1.0\n");
 }
 
 }  // namespace
