@@ -140,11 +140,13 @@ bool TextReader::next(Sexp& e) {
 void TextReader::fill(std::size_t at_least) {
   std::size_t got = 0;
   while (got < at_least && !at_end_) {
-    const std::size_t room = std::max(kChunk, at_least - got);
+    // Room for what must still come, and for a reasonable read; a new buffer has room for
+    // a whole chunk more, so that it is not outgrown again by a few bytes.
+    const std::size_t need = at_least - got, room = std::max(need, kChunk / 2);
     if (buffer_.size() - end_ < room) {
       const std::size_t held = end_ - begin_;
-      if (buffer_.size() < held + room) {
-        std::vector<char> bigger(held + room);
+      if (buffer_.size() - held < room) {
+        std::vector<char> bigger(held + std::max(need, kChunk));
         if (held > 0) std::memcpy(bigger.data(), buffer_.data() + begin_, held);
         buffer_.swap(bigger);
       } else if (held > 0) {
