@@ -1,89 +1,140 @@
-// vorn: print, match and rewrite S-expressions from the command line.
+// vorn: print, match and rewrite S-expressions from the command line, and show what files
+// cost as trees and as canonical nodes.
 //
 // Exit status 0 on success (for `match`: a match), 1 when `match` finds none, 2 on any
 // error. Errors go to standard error as "vorn: WHERE:LINE:COLUMN: message", where WHERE is
-// the rules file, `<arg N>` for the N-th operand of the command, `<stdin>` or `<builtin>`.
-// Every input is parsed and checked before any result is written, so an input error
-// writes no result; a term that exceeds --max-steps stops the command with no line for it.
+// a file's path, `<arg N>` for the N-th operand of the command, `<stdin>` or `<builtin>`;
+// every position comes from the TextReader that read the input. Every input is read and
+// checked before any result is written, so an input error writes no result; a term that
+// exceeds --max-steps stops the command with no line for it.
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <memory>
 #include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "builtin_rules.hpp"
 #include "rewriter.hpp"
+#include "stats.hpp"
 #include "vorn/expr/manager.hpp"
 #include "vorn/expr/matcher.hpp"
-#include "vorn/text/parse.hpp"
+#include "vorn/text/reader.hpp"
 #include "vorn/text/write.hpp"
 
 namespace {
 
 using vorn::Sexp;
 using vorn::SexpManager;
+using vorn::TextPosition;
 
 constexpr std::uint64_t kDefaultMaxSteps = 1000000;
 
 const char* const kMainHelp = R"(usage: vorn COMMAND [OPTION...] [OPERAND...]
 
 Commands:
-  print EXPR...                   the diagnostic text of each expression
+  print EXPR... | -f FILE...      the diagnostic text of each expression
   match PATTERN EXPR              whether EXPR matches PATTERN, and the bindings
   rewrite [RULES-FILE] [TERM...]  rewrite terms to normal form with rules
+  stats FILE...                   what files cost as trees and as canonical nodes
+
+Options:
+  --dialect NAME  (every command) read text, and write results, in dialect NAME: vorn
+                  (the default), smtlib or scheme
+  -f FILE         (print, match, rewrite) the expressions of FILE ('-': standard input)
+                  where the command takes expressions: all of them for print and
+                  rewrite, exactly one for match; files and operands count in the order
+                  given
 
 Expressions are written as text: (a b c) is a list, () is nil, (a . b) a pair, a word
 is a symbol, |any text| the symbol of that name (with \| and \\ inside), #7 the symbol
-of value 7, and ; starts a comment. Symbols named ?NAME are pattern variables.
+of value 7, and ; starts a comment. Symbols named ?NAME are pattern variables. Errors
+say where: "vorn: WHERE:LINE:COLUMN: message", WHERE being a file, <arg N> for the N-th
+operand or <stdin>.
 
 Run 'vorn COMMAND --help' for more. Exit status: 0 success, 1 no match, 2 error.
 )";
 
-const char* const kPrintHelp = R"(usage: vorn print EXPR...
+const char* const kPrintHelp = R"(usage: vorn print [OPTION...] EXPR...
+       vorn print [OPTION...] -f FILE...
 
-Writes the diagnostic text of each EXPR, one after another: one node per line, two
+Writes the diagnostic text of each expression, one after another: one node per line, two
 spaces of indentation per level, {id}[refcount] at the head of each node, <value>|name|
 for a symbol, (cons CAR CDR) for a pair, @id for a node written before. Every node is
-shared, so equal subexpressions are one node.
+shared, so equal subexpressions are one node. Each EXPR is one expression; -f FILE gives
+every expression of FILE ('-': standard input).
+
+Options:
+  --dialect NAME  read in dialect NAME: vorn (default), smtlib or scheme
+  -f FILE         read the expressions of FILE
 )";
 
-const char* const kMatchHelp = R"(usage: vorn match PATTERN EXPR
+const char* const kMatchHelp = R"(usage: vorn match [OPTION...] PATTERN EXPR
 
 Matches EXPR against PATTERN, whose variables are the symbols named ?NAME; a variable met
 again must meet an equal expression. Prints "match" and a line "?X = EXPR" per variable,
 in order of first occurrence in PATTERN, or "no match". Exit status 0 on a match, 1 on
-none, 2 on error.
+none, 2 on error. Either may be given as -f FILE, a file holding exactly one expression.
+
+Options:
+  --dialect NAME  read and write in dialect NAME: vorn (default), smtlib or scheme
+  -f FILE         read PATTERN or EXPR from FILE ('-': standard input)
 )";
 
 const char* const kRewriteHelp = R"(usage: vorn rewrite [OPTION...] RULES-FILE [TERM...]
        vorn rewrite [OPTION...] --builtin [TERM...]
        vorn rewrite [OPTION...]
 
-Rewrites each TERM, or each expression on standard input when no TERM is given, to
-normal form and prints "TERM => NORMAL-FORM". RULES-FILE holds (rule PATTERN
-REPLACEMENT) forms; the symbols named ?NAME in a pattern are its variables. Innermost
-first: the elements of a list are normalised before the list, the first rule that
-matches wins, and its replacement is normalised again.
+Rewrites each TERM, and each expression of each -f FILE, or each expression on standard
+input when none is given, to normal form and prints "TERM => NORMAL-FORM". RULES-FILE
+holds (rule PATTERN REPLACEMENT) forms; the symbols named ?NAME in a pattern are its
+variables. Innermost first: the elements of a list are normalised before the list, the
+first rule that matches wins, and its replacement is normalised again.
 
 With no operand at all, the built-in rules (differentiation, written (d x E), and
 simplification) rewrite the built-in sample terms, and the statistics line follows.
 
 Options:
-  --builtin      use the built-in rules; every operand is a TERM
-  --trace        print each rule application: "rule N: BEFORE -> AFTER"
-  --max-steps N  allow N rule applications per term (default 1000000); a term that
-                 needs more is an error
-  --stats        end with a line of statistics: terms, rule applications, nodes made,
-                 rebuilt list cells found already made, subterms found already rewritten,
-                 and the time spent rewriting
-  --             end of options
+  --builtin       use the built-in rules; every operand is a TERM
+  --trace         print each rule application: "rule N: BEFORE -> AFTER"
+  --max-steps N   allow N rule applications per term (default 1000000); a term that
+                  needs more is an error
+  --stats         end with a line of statistics: terms, rule applications, nodes made,
+                  rebuilt list cells found already made, subterms found already
+                  rewritten, and the time spent rewriting
+  --dialect NAME  read RULES-FILE and the terms, and write results, in dialect NAME:
+                  vorn (default), smtlib or scheme
+  -f FILE         rewrite every expression of FILE ('-': standard input)
+  --              end of options
+)";
+
+const char* const kStatsHelp = R"(usage: vorn stats [OPTION...] FILE...
+
+Reads each FILE ('-': standard input) into canonical nodes, a fresh manager for each, as
+a program that opens one file would, and prints a table, one row per file and a total
+that adds them up:
+  bytes      the size of the text
+  elements   the nodes of the expressions as plain trees (cons cells and atoms, each list
+             with its closing nil), every repeated subexpression counted again
+  distinct   the canonical nodes that make them: each shape once
+  sharing    elements per distinct node
+  heap       the heap bytes the manager holds once the file is read: node slots, the
+             table of shapes, names and strings (measured with the C library's
+             mallinfo2; '-' where it has none)
+  heap/node  heap per distinct node
+  read       the time spent reading and building, and MB/s the bytes read per second
+
+Options:
+  --dialect NAME  read in dialect NAME: vorn (default), smtlib or scheme
 )";
 
 // An error to report as "vorn: <what()>", exit status 2.
@@ -97,116 +148,176 @@ struct Usage : std::runtime_error {
   const char* help;
 };
 
-// Text to read, with the name errors give it.
-struct Source {
-  std::string name;
-  std::string text;
+// The dialects by name: all the command knows of them, since reading, positions and
+// writing are the library's. (Should the dialects' syntax definitions carry their names,
+// this table is the one line to take from them.)
+constexpr std::pair<const char*, vorn::Dialect> kDialects[] = {{"vorn", vorn::Dialect::vorn},
+                                                               {"smtlib", vorn::Dialect::smtlib},
+                                                               {"scheme", vorn::Dialect::scheme}};
+
+vorn::Dialect dialect_named(const std::string& name, const char* help) {
+  for (const auto& [known, dialect] : kDialects) {
+    if (name == known) return dialect;
+  }
+  throw Usage("--dialect needs vorn, smtlib or scheme, not '" + name + "'", help);
+}
+
+// Where expressions come from.
+struct Input {
+  enum Kind {
+    operand,         // a command-line operand: one expression
+    text,            // built-in text: any number
+    file,            // any number
+    standard_input,  // any number
+  };
+  Kind kind;
+  std::string name;     // what errors call it: "<arg N>", "<builtin>", the path, "<stdin>"
+  std::string content;  // the text of an operand or built-in text; a file's path
 };
 
-// The line and column (1-based, in bytes) where each top-level expression of `text`
-// begins. `text` has already been parsed, so this only follows its tokens.
-std::vector<std::pair<std::size_t, std::size_t>> expression_starts(std::string_view text) {
-  std::vector<std::pair<std::size_t, std::size_t>> starts;
-  std::size_t line = 1, column = 1, depth = 0;
-  bool comment = false, bars = false, escaped = false, word = false;
-  for (const char c : text) {
-    if (comment) {
-      comment = c != '\n';
-    } else if (bars) {
-      if (escaped)
-        escaped = false;
-      else if (c == '\\')
-        escaped = true;
-      else
-        bars = c != '|';
-    } else if (std::strchr(" \t\n\r\f\v;)", c) != nullptr && c != '\0') {
-      word = false;
-      comment = c == ';';
-      if (c == ')') --depth;
-    } else {
-      if (depth == 0 && (c == '(' || c == '|' || !word)) starts.emplace_back(line, column);
-      depth += c == '(';
-      bars = c == '|';
-      word = c != '(' && c != '|';
-    }
-    if (c == '\n') {
-      ++line;
-      column = 1;
-    } else {
-      ++column;
-    }
-  }
-  return starts;
+Input file_input(const std::string& path) {
+  if (path == "-") return {Input::standard_input, "<stdin>", ""};
+  return {Input::file, path, path};
 }
 
-// "NAME:LINE:COLUMN" of each of the `count` top-level expressions of `src`.
-std::vector<std::string> locations(const Source& src, std::size_t count) {
-  std::vector<std::string> at;
-  for (const auto& [line, column] : expression_starts(src.text)) {
-    at.push_back(src.name + ":" + std::to_string(line) + ":" + std::to_string(column));
-  }
-  at.resize(count, src.name);  // never short, even where the scan and the reader disagree
-  return at;
+std::string at(const Input& input, std::size_t line, std::size_t column) {
+  return input.name + ":" + std::to_string(line) + ":" + std::to_string(column);
 }
+std::string at(const Input& input, const TextPosition& p) { return at(input, p.line, p.column); }
 
-std::vector<Sexp> parse_source(SexpManager& m, const Source& src, bool exactly_one) {
+// An input's stream, open for reading.
+class InputStream {
+ public:
+  explicit InputStream(const Input& input) {
+    if (input.kind == Input::operand || input.kind == Input::text) {
+      text_.str(input.content);
+      in_ = &text_;
+    } else if (input.kind == Input::file) {
+      file_.open(input.content, std::ios::binary);
+      if (!file_) throw Failure(input.name + ": cannot open: " + std::strerror(errno));
+      in_ = &file_;
+    }
+  }
+  std::istream& get() noexcept { return *in_; }
+
+ private:
+  std::istringstream text_;
+  std::ifstream file_;
+  std::istream* in_ = &std::cin;
+};
+
+// Reads the expressions of `input` from `in` one at a time, calling take(expression,
+// where it begins) for each as soon as it is read; returns where the input ended.
+template <class Take>
+TextPosition read_stream(SexpManager& m, const Input& input, std::istream& in,
+                         vorn::Dialect dialect, Take&& take) {
+  vorn::ReadOptions options;
+  options.dialect = dialect;
+  vorn::TextReader reader(m, in, options);
   try {
-    if (exactly_one) return {vorn::parse(m, src.text)};
-    return vorn::parse_all(m, src.text);
+    for (Sexp e; reader.next(e);) take(e, reader.start());
   } catch (const vorn::ParseError& e) {
-    throw Failure(src.name + ":" + std::to_string(e.line()) + ":" + std::to_string(e.column()) +
-                  ": " + e.message());
+    if (in.bad()) throw Failure(input.name + ": cannot read");
+    throw Failure(at(input, e.line(), e.column()) + ": " + e.message());
+  }
+  if (in.bad()) throw Failure(input.name + ": cannot read");
+  return reader.position();
+}
+
+template <class Take>
+TextPosition read_input(SexpManager& m, const Input& input, vorn::Dialect dialect, Take&& take) {
+  InputStream in(input);
+  return read_stream(m, input, in.get(), dialect, take);
+}
+
+// The one expression of `input` and where it begins; none, or more than one, is an error
+// said as parse says it.
+std::pair<Sexp, TextPosition> read_one(SexpManager& m, const Input& input, vorn::Dialect dialect) {
+  std::size_t count = 0;
+  std::pair<Sexp, TextPosition> first;
+  TextPosition second;
+  const TextPosition end = read_input(m, input, dialect, [&](const Sexp& e, const TextPosition& p) {
+    if (++count == 1) first = {e, p};
+    if (count == 2) second = p;
+  });
+  if (count == 0) throw Failure(at(input, end) + ": expected an expression, found end of input");
+  if (count > 1) {
+    throw Failure(at(input, second) + ": expected one expression, found " + std::to_string(count));
+  }
+  return first;
+}
+
+// An operand is one expression; other inputs give all of their own.
+template <class Take>
+void read_each(SexpManager& m, const Input& input, vorn::Dialect dialect, Take&& take) {
+  if (input.kind != Input::operand) {
+    read_input(m, input, dialect, take);
+    return;
+  }
+  const auto [e, where] = read_one(m, input, dialect);
+  take(e, where);
+}
+
+struct Options {
+  std::vector<std::string> operands;
+  // Each -f FILE, with the number of operands given before it.
+  std::vector<std::pair<std::size_t, std::string>> files;
+  vorn::Dialect dialect = vorn::Dialect::vorn;
+  bool help = false, builtin = false, trace = false, stats = false;
+  std::uint64_t max_steps = kDefaultMaxSteps;
+};
+
+// The inputs of expressions the command line names, in its order: the operands from
+// `first` on and the -f files.
+std::vector<Input> expression_inputs(const Options& o, std::size_t first) {
+  std::vector<Input> inputs;
+  std::size_t f = 0;
+  for (std::size_t i = first;; ++i) {
+    while (f < o.files.size() && o.files[f].first <= i)
+      inputs.push_back(file_input(o.files[f++].second));
+    if (i >= o.operands.size()) return inputs;
+    inputs.push_back({Input::operand, "<arg " + std::to_string(i + 1) + ">", o.operands[i]});
   }
 }
 
-Source read_stream(std::FILE* file, std::string name) {
-  Source src{std::move(name), {}};
-  char buffer[1 << 16];
-  std::size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) src.text.append(buffer, n);
-  if (std::ferror(file)) throw Failure(src.name + ": cannot read: " + std::strerror(errno));
-  return src;
-}
-
-Source read_file(const std::string& path) {
-  std::FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) throw Failure(path + ": cannot open: " + std::strerror(errno));
-  try {
-    Source src = read_stream(file, path);
-    std::fclose(file);
-    return src;
-  } catch (...) {
-    std::fclose(file);
-    throw;
-  }
-}
-
-// Each (rule PATTERN REPLACEMENT) form of `src`, added to `rewriter` in order.
-void load_rules(SexpManager& m, vorn::tool::Rewriter& rewriter, const Source& src) {
-  const std::vector<Sexp> forms = parse_source(m, src, false);
+// Each (rule PATTERN REPLACEMENT) form of `input`, added to `rewriter` in order. The
+// whole input is read before any form is checked, so a syntax error anywhere is the one
+// reported.
+void load_rules(SexpManager& m, vorn::tool::Rewriter& rewriter, const Input& input,
+                vorn::Dialect dialect) {
+  std::vector<std::pair<Sexp, TextPosition>> forms;
+  read_input(m, input, dialect,
+             [&](const Sexp& e, const TextPosition& p) { forms.emplace_back(e, p); });
   const Sexp rule = m.sh_sym(m.make_symbol("rule"));
-  for (std::size_t i = 0; i < forms.size(); ++i) {
-    Sexp form = forms[i];
+  for (const auto& [form, where] : forms) {
     const bool three = !form.is_symbol() && form.car() == rule && !form.cdr().is_symbol() &&
                        !form.cdr().cdr().is_symbol() && form.cdr().cdr().cdr() == m.nil();
     try {
       if (!three) throw std::invalid_argument("expected (rule PATTERN REPLACEMENT)");
       rewriter.add_rule(form.cdr().car(), form.cdr().cdr().car());
     } catch (const std::invalid_argument& e) {
-      throw Failure(locations(src, forms.size())[i] + ": " + e.what());
+      throw Failure(at(input, where) + ": " + e.what());
     }
   }
 }
 
-struct Options {
-  std::vector<std::string> operands;
-  bool help = false, builtin = false, trace = false, stats = false;
-  std::uint64_t max_steps = kDefaultMaxSteps;
-};
+// Which options a command takes besides --help and --dialect.
+enum class Takes { nothing, files, rewriting };
 
-Options parse_options(const std::vector<std::string>& args, bool rewrite, const char* help) {
+Options parse_options(const std::vector<std::string>& args, Takes takes, const char* help) {
   Options o;
   bool options_end = false;
+  // The value of the option at args[i], given as "OPTION=VALUE" (long options) or as the
+  // next argument.
+  const auto value = [&](std::size_t& i, const std::string& option) {
+    const std::string& a = args[i];
+    if (a.size() > option.size()) return a.substr(option.size() + 1);
+    if (i + 1 == args.size()) throw Usage(option + " needs a value", help);
+    return args[++i];
+  };
+  const auto is = [](const std::string& a, const std::string& option) {
+    return a == option || (option[1] == '-' && a.rfind(option + "=", 0) == 0);
+  };
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     if (options_end || a.size() < 2 || a[0] != '-') {
@@ -215,9 +326,15 @@ Options parse_options(const std::vector<std::string>& args, bool rewrite, const 
       options_end = true;
     } else if (a == "--help" || a == "-h") {
       o.help = true;
-    } else if (rewrite && (a == "--builtin" || a == "--trace" || a == "--stats")) {
+    } else if (is(a, "--dialect")) {
+      o.dialect = dialect_named(value(i, "--dialect"), help);
+    } else if (takes != Takes::nothing && (is(a, "-f") || is(a, "--file"))) {
+      o.files.emplace_back(o.operands.size(), value(i, a[1] == 'f' ? "-f" : "--file"));
+    } else if (takes == Takes::rewriting &&
+               (a == "--builtin" || a == "--trace" || a == "--stats")) {
       (a == "--builtin" ? o.builtin : a == "--trace" ? o.trace : o.stats) = true;
-    } else if (rewrite && (a == "--max-steps" || a.rfind("--max-steps=", 0) == 0)) {
+    } else if (takes == Takes::rewriting &&
+               (a == "--max-steps" || a.rfind("--max-steps=", 0) == 0)) {
       std::string n;
       if (a.size() > 11)
         n = a.substr(12);
@@ -242,23 +359,30 @@ int flushed(int status) {
   return status;
 }
 
+vorn::WriteOptions output(const Options& o) {
+  vorn::WriteOptions w;
+  w.dialect = o.dialect;
+  return w;
+}
+
 int print_command(const Options& o) {
-  if (o.operands.empty()) throw Usage("print needs at least one EXPR", kPrintHelp);
+  const std::vector<Input> inputs = expression_inputs(o, 0);
+  if (inputs.empty()) throw Usage("print needs at least one EXPR or -f FILE", kPrintHelp);
   SexpManager m;
   std::vector<Sexp> exprs;
-  for (std::size_t i = 0; i < o.operands.size(); ++i) {
-    exprs.push_back(
-        parse_source(m, {"<arg " + std::to_string(i + 1) + ">", o.operands[i]}, true)[0]);
+  for (const Input& input : inputs) {
+    read_each(m, input, o.dialect, [&](const Sexp& e, const TextPosition&) { exprs.push_back(e); });
   }
   for (const Sexp& e : exprs) std::cout << e << '\n';
   return flushed(0);
 }
 
 int match_command(const Options& o) {
-  if (o.operands.size() != 2) throw Usage("match needs a PATTERN and an EXPR", kMatchHelp);
+  const std::vector<Input> inputs = expression_inputs(o, 0);
+  if (inputs.size() != 2) throw Usage("match needs a PATTERN and an EXPR", kMatchHelp);
   SexpManager m;
-  const Sexp pattern = parse_source(m, {"<arg 1>", o.operands[0]}, true)[0];
-  const Sexp expr = parse_source(m, {"<arg 2>", o.operands[1]}, true)[0];
+  const Sexp pattern = read_one(m, inputs[0], o.dialect).first;
+  const Sexp expr = read_one(m, inputs[1], o.dialect).first;
   const std::vector<Sexp> variables = vorn::tool::variables_of(m, pattern);
   vorn::SexpMatcher matcher(variables);
   if (!matcher.match(pattern, expr)) {
@@ -267,53 +391,70 @@ int match_command(const Options& o) {
   }
   std::cout << "match\n";
   for (const Sexp& v : variables) {
-    std::cout << vorn::to_text(v) << " = " << vorn::to_text(matcher.get(v)) << '\n';
+    std::cout << vorn::to_text(v, output(o)) << " = " << vorn::to_text(matcher.get(v), output(o))
+              << '\n';
   }
   return flushed(0);
 }
 
 int rewrite_command(const Options& o) {
-  const bool demo = o.operands.empty() && !o.builtin;
+  const bool demo = o.operands.empty() && o.files.empty() && !o.builtin;
   const bool builtin = demo || o.builtin;
+  if (!builtin && o.operands.empty()) {
+    throw Usage("rewrite needs a RULES-FILE or --builtin", kRewriteHelp);
+  }
   SexpManager m;
   vorn::tool::Rewriter rewriter(m);
-  load_rules(m, rewriter,
-             builtin ? Source{"<builtin>", vorn::tool::builtin_rules} : read_file(o.operands[0]));
-
-  // The terms, each with where it came from.
-  std::vector<std::pair<Sexp, std::string>> terms;
-  const std::size_t first = builtin ? 0 : 1;
-  if (demo || o.operands.size() == first) {
-    const Source src =
-        demo ? Source{"<builtin>", vorn::tool::builtin_samples} : read_stream(stdin, "<stdin>");
-    const std::vector<Sexp> exprs = parse_source(m, src, false);
-    const std::vector<std::string> at = locations(src, exprs.size());
-    for (std::size_t i = 0; i < exprs.size(); ++i) terms.emplace_back(exprs[i], at[i]);
+  // The built-in rules and samples are vorn text, whatever the dialect.
+  if (builtin) {
+    load_rules(m, rewriter, {Input::text, "<builtin>", vorn::tool::builtin_rules},
+               vorn::Dialect::vorn);
+  } else {
+    load_rules(m, rewriter, file_input(o.operands[0]), o.dialect);
   }
-  for (std::size_t i = first; i < o.operands.size(); ++i) {
-    const Source src{"<arg " + std::to_string(i + 1) + ">", o.operands[i]};
-    terms.emplace_back(parse_source(m, src, true)[0], locations(src, 1)[0]);
+
+  // The terms, each with where it came from. Each input is read one expression at a time;
+  // they are all read before the first is rewritten, so that bad input writes no result.
+  std::vector<Input> inputs = expression_inputs(o, builtin ? 0 : 1);
+  vorn::Dialect dialect = o.dialect;
+  if (demo) {
+    inputs.push_back({Input::text, "<builtin>", vorn::tool::builtin_samples});
+    dialect = vorn::Dialect::vorn;
+  } else if (inputs.empty()) {
+    inputs.push_back(file_input("-"));
+  }
+  struct Term {
+    Sexp term;
+    std::size_t input;
+    TextPosition at;
+  };
+  std::vector<Term> terms;
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    read_each(m, inputs[i], dialect, [&](const Sexp& e, const TextPosition& p) {
+      terms.push_back({e, i, p});
+    });
   }
 
   rewriter.set_max_steps(o.max_steps);
   if (o.trace) {
-    rewriter.set_trace([](std::size_t rule, const Sexp& before, const Sexp& after) {
-      std::cout << "rule " << rule + 1 << ": " << vorn::to_text(before) << " -> "
-                << vorn::to_text(after) << '\n';
+    rewriter.set_trace([&o](std::size_t rule, const Sexp& before, const Sexp& after) {
+      std::cout << "rule " << rule + 1 << ": " << vorn::to_text(before, output(o)) << " -> "
+                << vorn::to_text(after, output(o)) << '\n';
     });
   }
   const std::uint64_t nodes_before = vorn::tool::canonical_nodes_made(m);
   std::chrono::steady_clock::duration spent{};
-  for (const auto& [term, from] : terms) {
+  for (const Term& t : terms) {
     const auto start = std::chrono::steady_clock::now();
     Sexp normal;
     try {
-      normal = rewriter.normalize(term);
+      normal = rewriter.normalize(t.term);
     } catch (const vorn::tool::StepLimitExceeded& e) {
-      throw Failure(from + ": " + e.what() + " (see --max-steps)");
+      throw Failure(at(inputs[t.input], t.at) + ": " + e.what() + " (see --max-steps)");
     }
     spent += std::chrono::steady_clock::now() - start;
-    std::cout << vorn::to_text(term) << " => " << vorn::to_text(normal) << '\n';
+    std::cout << vorn::to_text(t.term, output(o)) << " => " << vorn::to_text(normal, output(o))
+              << '\n';
   }
   if (demo || o.stats) {
     const auto& s = rewriter.stats();
@@ -328,20 +469,61 @@ int rewrite_command(const Options& o) {
   return flushed(0);
 }
 
+// One row of `vorn stats`: the file read into a manager of its own, with the time spent
+// reading and the heap the manager holds afterwards.
+vorn::tool::StatsRow file_stats(const Input& input, vorn::Dialect dialect) {
+  using Clock = std::chrono::steady_clock;
+  InputStream in(input);
+  in.get().peek();  // the stream takes its own buffer before the heap is measured
+  const std::optional<std::size_t> heap_before = vorn::tool::heap_in_use();
+  auto m = std::make_unique<SexpManager>();
+  vorn::tool::TreeCounter counter;
+  Clock::duration reading{};
+  Clock::time_point mark = Clock::now();
+  const TextPosition end =
+      read_stream(*m, input, in.get(), dialect, [&](const Sexp& e, const TextPosition&) {
+        const Clock::time_point read = Clock::now();
+        reading += read - mark;
+        counter.add(e);
+        mark = Clock::now();
+      });
+  reading += Clock::now() - mark;
+  const std::optional<std::size_t> heap_after = vorn::tool::heap_in_use();
+  vorn::tool::StatsRow row;
+  row.name = input.name;
+  row.bytes = end.offset;
+  row.elements = counter.elements();
+  row.distinct = counter.distinct();
+  if (heap_before && heap_after) row.heap = *heap_after - *heap_before - counter.own_bytes();
+  row.seconds = std::chrono::duration<double>(reading).count();
+  return row;
+}
+
+int stats_command(const Options& o) {
+  if (o.operands.empty()) throw Usage("stats needs at least one FILE", kStatsHelp);
+  std::vector<vorn::tool::StatsRow> rows;
+  for (const std::string& path : o.operands)
+    rows.push_back(file_stats(file_input(path), o.dialect));
+  std::cout << vorn::tool::stats_table(rows);
+  return flushed(0);
+}
+
 int run(const std::vector<std::string>& args) {
   const std::string command = args.empty() ? "" : args[0];
   const std::vector<std::string> rest(args.begin() + (args.empty() ? 0 : 1), args.end());
   struct Command {
     const char* name;
     const char* help;
+    Takes takes;
     int (*run)(const Options&);
   };
-  static const Command commands[] = {{"print", kPrintHelp, print_command},
-                                     {"match", kMatchHelp, match_command},
-                                     {"rewrite", kRewriteHelp, rewrite_command}};
+  static const Command commands[] = {{"print", kPrintHelp, Takes::files, print_command},
+                                     {"match", kMatchHelp, Takes::files, match_command},
+                                     {"rewrite", kRewriteHelp, Takes::rewriting, rewrite_command},
+                                     {"stats", kStatsHelp, Takes::nothing, stats_command}};
   for (const Command& c : commands) {
     if (command != c.name) continue;
-    const Options o = parse_options(rest, command == "rewrite", c.help);
+    const Options o = parse_options(rest, c.takes, c.help);
     if (!o.help) return c.run(o);
     std::cout << c.help;
     return flushed(0);
@@ -357,6 +539,8 @@ int run(const std::vector<std::string>& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Standard input is then read through a buffer of its own, in the pieces it has ready.
+  std::ios::sync_with_stdio(false);
   try {
     return run(std::vector<std::string>(argv + 1, argv + argc));
   } catch (const Usage& u) {

@@ -1,5 +1,5 @@
 // Everything public in vorn: pools, hash table, nodes and handles, the manager,
-// printing, the matcher, instantiation, and reading and writing text.
+// printing, the matcher, instantiation, and reading and writing text (whole or streamed).
 #ifndef VORN_VORN_HPP
 #define VORN_VORN_HPP
 
@@ -12,5 +12,6 @@
 #include "vorn/expr/instantiate.hpp"
 #include "vorn/text/parse.hpp"
 #include "vorn/text/write.hpp"
+#include "vorn/text/reader.hpp"
 
 #endif  // VORN_VORN_HPP

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "reader.hpp"
+#include "text_pass.hpp"
 #include "scan.hpp"
 
 namespace vorn {

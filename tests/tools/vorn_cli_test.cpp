@@ -44,7 +44,9 @@ Result Vorn(const std::vector<std::string>& args, const std::string& input) {
 
 TEST(VornCli, ExitStatusOutputAndErrors) {
   const std::string rules = Write(".rules", "; comment\n(rule (f ?x) (g ?x ?x))\n(rule a b)\n"),
-                    bad = Write(".bad", "(rule a b)\n  (rul a b)");
+                    bad = Write(".bad", "(rule a b)\n  (rul a b)"),
+                    terms = Write(".terms", "(f x x)\n; c\n  (g (f x x) y)\n"),
+                    escape = Write(".escape", "(a b\n (c |x\\q|))");
   using Text = ::testing::Matcher<const std::string&>;
   const std::tuple<std::vector<std::string>, const char*, int, Text, Text> cases[] = {
       // clang-format off
@@ -68,6 +70,20 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
       {{"match", "-h"}, "", 0, StartsWith("usage: vorn"), ""},
       {{"frob"}, "", 2, "", StartsWith("vorn: ")},
       {{"rewrite", "--max-steps", "x"}, "", 2, "", StartsWith("vorn: ")},
+      // Files and standard input through the stream reader, positions from it.
+      {{"print", "-f", escape}, "", 2, "", "vorn: " + escape + ":2:7: unknown escape '\\q' in |name|\n"},
+      {{"match", "--dialect=vorn", "(f ?a ?a)", "-f", terms}, "", 2, "",
+       "vorn: " + terms + ":3:3: expected one expression, found 2\n"},
+      {{"match", "(f ?a ?a)", "--file", "-"}, " (f\n x x)", 0, "match\n?a = x\n", ""},
+      {{"rewrite", "--builtin", "-f", "-", "(* 1 b)"}, "(+ 0 a)", 0, "(+ 0 a) => a\n(* 1 b) => b\n", ""},
+      {{"stats", terms, "-"}, "(f x x)", 0,
+       ContainsRegex("^file +bytes +elements +distinct +sharing +heap +heap/node +read +MB/s\n" +
+                     terms + " +28 B +20 +11 +1.82 .*\n<stdin> +7 B +7 +6 +1.17 .*\n"
+                     "total +35 B +27 +17 +1.59 [^\n]*\n$"), ""},
+      {{"stats", "/nonexistent"}, "", 2, "", "vorn: /nonexistent: cannot open: No such file or directory\n"},
+      {{"stats", "/"}, "", 2, "", "vorn: /: cannot read\n"},  // a directory opens, but does not read
+      {{"stats", "--dialect", "lisp", "x"}, "", 2, "",
+       StartsWith("vorn: --dialect needs vorn, smtlib or scheme, not 'lisp'\nusage: vorn stats")},
       {{"rewrite"}, "", 0,  // the built-in demonstration
        AllOf(StartsWith("(d x (* x x)) => (* 2 x)\n"),
              ContainsRegex("\nstats: 7 terms, [1-9][0-9]* steps, [1-9][0-9]* nodes made, "
@@ -78,7 +94,7 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
     EXPECT_THAT(Vorn(args, input), ::testing::FieldsAre(status, out, err))
         << ::testing::PrintToString(args);
   }
-  for (const char* name : {".rules", ".bad"}) Take(name);
+  for (const char* name : {".rules", ".bad", ".terms", ".escape"}) Take(name);
 }
 
 }  // namespace

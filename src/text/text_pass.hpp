@@ -1,7 +1,7 @@
 // The reader behind parse, parse_all and scan_first: one pass over a text in one dialect,
 // with the grammar's state kept on the heap.
-#ifndef VORN_SRC_TEXT_READER_HPP
-#define VORN_SRC_TEXT_READER_HPP
+#ifndef VORN_SRC_TEXT_TEXT_PASS_HPP
+#define VORN_SRC_TEXT_TEXT_PASS_HPP
 
 #include <cstdint>
 #include <cstring>
@@ -646,4 +646,4 @@ class Reader {
 
 }  // namespace vorn::detail
 
-#endif  // VORN_SRC_TEXT_READER_HPP
+#endif  // VORN_SRC_TEXT_TEXT_PASS_HPP
