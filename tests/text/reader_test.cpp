@@ -88,9 +88,9 @@ struct TextGen {
     if (g != 0) after_word = false;
   }
   void atom() {
-    static const char* const atoms[] = {"a",  "foo",    "x.y", "|a b|", "|\\|\\\\|",
-                                        "||", "-1.5e3", "?v",  "a#"};
-    const std::string a = atoms[pick(9)];
+    static const char* const atoms[] = {"a",      "foo", "x.y", "|a b|", "|\\|\\\\|", "||",
+                                        "-1.5e3", "?v",  "a#",  "#7",    "#0"};
+    const std::string a = atoms[pick(11)];
     if (after_word && a[0] != '|') text += ' ';
     text += a;
     after_word = a[0] != '|';
