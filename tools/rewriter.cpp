@@ -45,8 +45,6 @@ std::vector<Sexp> variables_of(const SexpManager& m, const Sexp& e) {
   return vars;
 }
 
-std::uint64_t canonical_nodes_made(SexpManager& m) { return next_id(m) - 1u; }
-
 StepLimitExceeded::StepLimitExceeded(std::uint64_t limit)
     : std::runtime_error("no normal form within " + std::to_string(limit) + " rule applications"),
       limit_(limit) {}
@@ -78,11 +76,41 @@ struct Rewriter::Frame {
   bool dotted;  // the list ends in a dotted tail, whose normal form is last on `done`
 };
 
+// Between terms: the memo brought within its limit, then the manager collected when due.
+// Dropping memo entries first lets the collection take what only they held.
+void Rewriter::between_terms() {
+  if (memo_.size() > memo_limit_ / 2) {
+    older_memo_ = std::move(memo_);
+    memo_ = Memo();
+  }
+  if (collect_every_ == 0) return;
+  const std::uint32_t id = next_id(m_);
+  if (!collected_once_) {
+    collected_once_ = true;
+    collected_at_id_ = id;
+  }
+  // Modulo 2^32: right across one wrap of the counter; a second one, or a new snapshot
+  // of live ids sending it back, at worst makes this collection come early.
+  if (static_cast<std::uint32_t>(id - collected_at_id_) < collect_every_) return;
+  m_.collect();
+  ++stats_.collections;
+  collected_at_id_ = id;  // collecting hands out no id
+}
+
+// The known normal form of `term`, or null. A hit in the older generation is copied into
+// the current one, so that what keeps being met outlives the next retirement.
+const Sexp* Rewriter::known(const Sexp& term) {
+  auto hit = memo_.find(term);
+  if (hit != memo_.end()) return &hit->second;
+  auto older = older_memo_.find(term);
+  if (older == older_memo_.end()) return nullptr;
+  return &memo_.emplace(term, older->second).first->second;
+}
+
 void Rewriter::visit(std::vector<Frame>& work, std::vector<Sexp>& done, const Sexp& term) {
-  auto known = memo_.find(term.get());
-  if (known != memo_.end()) {
+  if (const Sexp* nf = known(term)) {
     ++stats_.memo_hits;
-    done.push_back(known->second);
+    done.push_back(*nf);
     return;
   }
   const bool list = !term.is_symbol();
@@ -92,11 +120,12 @@ void Rewriter::visit(std::vector<Frame>& work, std::vector<Sexp>& done, const Se
 
 // The top frame's list rebuilt from the normal forms of its elements (and dotted tail),
 // which are on `done` above its base; pops them. Every cell is made with sh_cons, so a
-// result whose id is above every id seen so far is a new node and any other is a sharing
-// hit: new nodes take increasing ids and a hit gives its id back. newest_id_ covers all
-// nodes made before, since normalize starts from the manager's next id and every node
-// made since is a rebuilt cell or belongs to an instantiated replacement, whose root is
-// built after its parts. Unchanged elements give back the list itself, without building.
+// result that took expected_id_, the id the manager was to hand out next, is a new node
+// and any other is a sharing hit: the manager's next id is one no live node has, a hit
+// gives back the id its discarded node took, and collecting hands out no id. This holds
+// after the id counter wraps too (new ids then need not increase). expected_id_ is read
+// again after each new node and after anything else that may make nodes (instantiating,
+// tracing). Unchanged elements give back the list itself, without building.
 Sexp Rewriter::rebuild(const Frame& f, std::vector<Sexp>& done) {
   bool same = true;
   std::size_t k = f.base;
@@ -109,8 +138,8 @@ Sexp Rewriter::rebuild(const Frame& f, std::vector<Sexp>& done) {
     list = f.dotted ? done[--end] : m_.nil();
     while (end > f.base) {
       list = m_.sh_cons(done[--end], list);
-      if (list.id() > newest_id_) {
-        newest_id_ = list.id();
+      if (list.id() == expected_id_) {
+        expected_id_ = next_id(m_);
       } else {
         ++stats_.sharing_hits;
       }
@@ -124,14 +153,16 @@ Sexp Rewriter::rebuild(const Frame& f, std::vector<Sexp>& done) {
 // tried on, pops the frame and hands `nf` to the frame below.
 void Rewriter::finish(std::vector<Frame>& work, std::vector<Sexp>& done, const Sexp& nf) {
   Frame& f = work.back();
-  memo_[f.term.get()] = nf;
-  memo_[f.current.get()] = nf;
+  memo_[f.term] = nf;
+  memo_[f.current] = nf;
   work.pop_back();
   done.push_back(nf);
 }
 
 Sexp Rewriter::normalize(const Sexp& term) {
-  newest_id_ = next_id(m_) - 1u;
+  between_terms();
+  const std::uint32_t first_id = next_id(m_);
+  expected_id_ = first_id;
   std::uint64_t steps = 0;
   std::vector<Frame> work;
   std::vector<Sexp> done;  // normal forms of finished subterms, in visiting order
@@ -164,8 +195,8 @@ Sexp Rewriter::normalize(const Sexp& term) {
       ++steps;
       ++stats_.steps;
       Sexp next = instantiate(m_, replacements_[rule], matcher_);
-      newest_id_ = std::max(newest_id_, next.id());
       if (trace_) trace_(rule, f.current, next);
+      expected_id_ = next_id(m_);
       f.stage = Frame::Replaced;
       visit(work, done, next);
       continue;
@@ -174,6 +205,7 @@ Sexp Rewriter::normalize(const Sexp& term) {
     done.pop_back();
     finish(work, done, nf);
   }
+  stats_.nodes_made += static_cast<std::uint32_t>(next_id(m_) - first_id);  // see Stats
   return done.back();
 }
 

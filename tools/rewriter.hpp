@@ -22,12 +22,6 @@ bool is_variable(const SexpManager& m, const Sexp_* node);
 /// the order of the text). Iterative: any depth.
 std::vector<Sexp> variables_of(const SexpManager& m, const Sexp& e);
 
-/// The number of nodes `m` has made besides nil, for a manager that has only ever made
-/// canonical nodes (sh_sym, sh_cons, parse, instantiate). Canonical nodes live as long as
-/// the manager and a sharing hit gives back the id its discarded node took, so the ids
-/// 1 .. next-1 are exactly the canonical nodes made. Reading `next` makes no node.
-std::uint64_t canonical_nodes_made(SexpManager& m);
-
 /// Thrown by Rewriter::normalize when a term needs more rule applications than allowed.
 class StepLimitExceeded : public std::runtime_error {
  public:
@@ -47,9 +41,23 @@ class StepLimitExceeded : public std::runtime_error {
 /// pattern matches wins, and its instantiated replacement is normalised again. A term is
 /// in normal form when no rule matches it and its subterms are in normal form.
 ///
-/// Normal forms are memoised by node for the rewriter's life (every node is canonical, so
-/// a node met again, in this term or a later one, is not rewritten twice). The work is
-/// done with an explicit stack: any depth runs in constant native stack.
+/// Normal forms are memoised by node (every node is canonical, so a node met again, in
+/// this term or a later one, is not rewritten twice). The memo holds both its keys and
+/// its values, so collecting the manager never leaves an entry naming a dead node. Within
+/// a term it only grows; between terms (at the start of normalize) it is bounded by
+/// set_memo_limit, in two generations: once the current one holds more than half the
+/// limit, the older one is dropped and the current one becomes the older. An entry found
+/// in the older generation moves back into the current one, so the terms a session keeps
+/// meeting stay known. Across terms the memo thus keeps at most the limit plus the entries
+/// of one term. The work is done with an explicit stack: any depth runs in constant native
+/// stack.
+///
+/// With set_collect_every(n), the rewriter also collects the manager between terms, once n
+/// node ids have been handed out since it last did (by anyone: reading the terms makes
+/// nodes too), so a host that rewrites terms one after another holds the memo, the rules
+/// and the term at hand, plus at most about n nodes of garbage, however many terms come;
+/// each collection, linear in the live nodes plus that garbage, is paid for by the n nodes
+/// made before it.
 ///
 /// All nodes must belong to the manager given at construction, which must outlive the
 /// rewriter. Memory exhaustion throws std::bad_alloc; the memo then holds only complete
@@ -64,7 +72,16 @@ class Rewriter {
     std::uint64_t steps = 0;         // rule applications
     std::uint64_t memo_hits = 0;     // subterms whose normal form was already known
     std::uint64_t sharing_hits = 0;  // rebuilt list cells that already existed
+    // Node ids the manager handed out while rewriting. Ids are not reused until the
+    // manager's id counter first wraps (2^32 ids), so until then this is exactly the nodes
+    // made, those collected since included; after it, the ids of live nodes the counter
+    // skips are counted too.
+    std::uint64_t nodes_made = 0;
+    std::uint64_t collections = 0;  // times the rewriter collected the manager
   };
+
+  /// Entries the memo keeps from one term to the next (see the class comment).
+  static constexpr std::size_t kDefaultMemoLimit = std::size_t{1} << 16;
 
   explicit Rewriter(SexpManager& m) : m_(m) {}
 
@@ -80,6 +97,11 @@ class Rewriter {
   /// Rule applications allowed per call of normalize (default: no bound).
   void set_max_steps(std::uint64_t n) noexcept { max_steps_ = n; }
   void set_trace(Trace trace) { trace_ = std::move(trace); }
+  /// Bounds the memo between terms (default kDefaultMemoLimit entries).
+  void set_memo_limit(std::size_t entries) noexcept { memo_limit_ = entries; }
+  /// Collect the manager between terms once `ids` node ids have been handed out since the
+  /// last collection (0, the default: never).
+  void set_collect_every(std::uint64_t ids) noexcept { collect_every_ = ids; }
 
   /// The normal form of `term`. Throws StepLimitExceeded when it takes more rule
   /// applications than allowed; nothing is memoised for the unfinished terms.
@@ -87,9 +109,20 @@ class Rewriter {
 
   /// Counts since construction.
   const Stats& stats() const noexcept { return stats_; }
+  /// Entries the memo holds now, both generations.
+  std::size_t memo_size() const noexcept { return memo_.size() + older_memo_.size(); }
 
  private:
   struct Frame;
+  struct NodeHash {
+    std::size_t operator()(const Sexp& s) const noexcept {
+      return std::hash<const Sexp_*>()(s.get());
+    }
+  };
+  using Memo = std::unordered_map<Sexp, Sexp, NodeHash>;
+
+  void between_terms();
+  const Sexp* known(const Sexp& term);
   void visit(std::vector<Frame>& work, std::vector<Sexp>& done, const Sexp& term);
   Sexp rebuild(const Frame& f, std::vector<Sexp>& done);
   void finish(std::vector<Frame>& work, std::vector<Sexp>& done, const Sexp& nf);
@@ -98,10 +131,14 @@ class Rewriter {
   SexpMatcher matcher_;
   std::vector<Sexp> patterns_;
   std::vector<Sexp> replacements_;
-  // Keys are canonical nodes, which the manager keeps alive for its life, so a key never
-  // dangles nor names another node; the values are held.
-  std::unordered_map<const Sexp_*, Sexp> memo_;
-  std::uint32_t newest_id_ = 0;  // the largest node id seen; see rebuild()
+  // Term -> normal form, both held: current generation and older one (see the class comment).
+  Memo memo_;
+  Memo older_memo_;
+  std::size_t memo_limit_ = kDefaultMemoLimit;
+  std::uint64_t collect_every_ = 0;
+  std::uint32_t collected_at_id_ = 0;  // the manager's next id after the last collection
+  bool collected_once_ = false;        // collected_at_id_ is set
+  std::uint32_t expected_id_ = 0;      // the id the manager hands out next; see rebuild()
   std::uint64_t max_steps_ = UINT64_MAX;
   Trace trace_;
   Stats stats_;

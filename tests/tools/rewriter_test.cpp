@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "support/internals.hpp"
 #include "support/small_stack.hpp"
 #include "vorn/text/parse.hpp"
 #include "vorn/text/write.hpp"
@@ -53,6 +56,63 @@ TEST(Rewriter, DeepTermsRunOnA256KiBStack) {
     // Ends in the normal form, however many steps it took (EXPECT_TRUE: no 400 KB diff).
     EXPECT_TRUE(log.size() > nf.size() && log.substr(log.size() - nf.size()) == nf);
   });
+}
+
+TEST(Rewriter, BoundedMemoAndCollectingBetweenTermsKeepTheLiveNodesBounded) {
+  SexpManager m;
+  Rewriter rw(m);
+  rw.add_rule(parse(m, "(f ?x)"), parse(m, "(g ?x)"));
+  rw.set_memo_limit(64);
+  rw.set_collect_every(512);
+  std::size_t most_nodes = 0, most_entries = 0;
+  for (int i = 0; i < 4096; ++i) {  // distinct terms (f (B0 ... B11)), Bk the bits of i
+    std::string bits;
+    for (int b = 0; b < 12; ++b) bits += (i >> b & 1) != 0 ? " 1" : " 0";
+    const Sexp term = parse(m, "(f (" + bits.substr(1) + "))");
+    most_entries = std::max(most_entries, rw.memo_size());  // as kept from the terms before
+    ASSERT_EQ(to_text(rw.normalize(term)), "(g (" + bits.substr(1) + "))");
+    most_nodes = std::max(most_nodes, detail::SexpManagerInternals::shared_size(m));
+  }
+  // Unbounded, the table would hold every term: over 20,000 nodes. The memo keeps its
+  // limit plus the entries of one term (about 16); the rest is at most 512 ids of garbage.
+  EXPECT_LE(most_entries, 64u + 16u);
+  EXPECT_LT(most_nodes, 2500u);
+  EXPECT_GT(rw.stats().collections, 10u);  // some 5 ids a term read and rewritten
+}
+
+TEST(Rewriter, MemoHoldsItsNodesThroughACollect) {
+  SexpManager m;
+  Rewriter rw(m);
+  rw.add_rule(parse(m, "(f ?x)"), parse(m, "done"));
+  EXPECT_EQ(to_text(rw.normalize(parse(m, "(f (a b))"))), "done");
+  m.collect();  // only the table and the memo hold (f (a b)) now
+  // New nodes take the slots collect freed first: a key left dangling would name one.
+  EXPECT_EQ(to_text(rw.normalize(parse(m, "(h (c d))"))), "(h (c d))");
+  const Rewriter::Stats before = rw.stats();
+  EXPECT_EQ(to_text(rw.normalize(parse(m, "(f (a b))"))), "done");
+  EXPECT_EQ(rw.stats().steps, before.steps);  // known across terms and the collect
+  EXPECT_EQ(rw.stats().memo_hits, before.memo_hits + 1);
+}
+
+TEST(Rewriter, SharingHitsAndNodesMadeStayExactAcrossCollectsAndTheIdWrap) {
+  for (const bool wrap : {false, true}) {
+    SexpManager m;
+    Rewriter rw(m);
+    rw.add_rule(parse(m, "a"), parse(m, "b"));
+    rw.set_collect_every(1);
+    rw.normalize(parse(m, "(q a y)"));  // garbage for the next term's collect
+    const Rewriter::Stats before = rw.stats();
+    const Sexp term = parse(m, "(p a x)");
+    // The next new node takes the counter's last id, the one after it a gap near 0.
+    if (wrap) detail::SexpManagerInternals::set_next_id(m, UINT32_MAX);
+    EXPECT_EQ(to_text(rw.normalize(term)), "(p b x)");
+    EXPECT_EQ(rw.stats().collections, before.collections + 1);
+    // (x) is the term's own cell; (b x) and (p b x) are new.
+    EXPECT_EQ(rw.stats().sharing_hits - before.sharing_hits, 1u) << wrap;
+    if (!wrap) {
+      EXPECT_EQ(rw.stats().nodes_made - before.nodes_made, 2u);
+    }
+  }
 }
 
 }  // namespace
