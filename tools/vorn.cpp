@@ -4,9 +4,11 @@
 // Exit status 0 on success (for `match`: a match), 1 when `match` finds none, 2 on any
 // error. Errors go to standard error as "vorn: WHERE:LINE:COLUMN: message", where WHERE is
 // a file's path, `<arg N>` for the N-th operand of the command, `<stdin>` or `<builtin>`;
-// every position comes from the TextReader that read the input. Every input is read and
-// checked before any result is written, so an input error writes no result; a term that
-// exceeds --max-steps stops the command with no line for it.
+// every position comes from the TextReader that read the input. Operands (and the rules)
+// are read and checked before any result is written; files and standard input are read one
+// expression at a time, `rewrite` writing each result before reading on, so an error there
+// comes after the results of the terms before it. A term that exceeds --max-steps stops
+// the command with no line for it.
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -38,6 +40,10 @@ using vorn::SexpManager;
 using vorn::TextPosition;
 
 constexpr std::uint64_t kDefaultMaxSteps = 1000000;
+// `rewrite` collects its manager between terms once this many node ids have been handed
+// out since it last did: at most this much garbage (4 MiB of node slots, plus the table's
+// entries) waits for collection, and each collection is paid for by the nodes made since.
+constexpr std::uint64_t kCollectEvery = std::uint64_t{1} << 17;
 
 const char* const kMainHelp = R"(usage: vorn COMMAND [OPTION...] [OPERAND...]
 
@@ -100,6 +106,11 @@ holds (rule PATTERN REPLACEMENT) forms; the symbols named ?NAME in a pattern are
 variables. Innermost first: the elements of a list are normalised before the list, the
 first rule that matches wins, and its replacement is normalised again.
 
+RULES-FILE and every TERM operand are read and checked before the first result is
+written. Files and standard input are read one expression at a time, and each result is
+written before the next expression is read: memory stays bounded however many terms
+come, and a bad expression stops the command after the results of those before it.
+
 With no operand at all, the built-in rules (differentiation, written (d x E), and
 simplification) rewrite the built-in sample terms, and the statistics line follows.
 
@@ -108,9 +119,10 @@ Options:
   --trace         print each rule application: "rule N: BEFORE -> AFTER"
   --max-steps N   allow N rule applications per term (default 1000000); a term that
                   needs more is an error
-  --stats         end with a line of statistics: terms, rule applications, nodes made,
-                  rebuilt list cells found already made, subterms found already
-                  rewritten, and the time spent rewriting
+  --stats         end with a line of statistics: terms, rule applications, nodes made
+                  while rewriting (collected ones included), rebuilt list cells found
+                  already made, subterms found already rewritten, and the time spent
+                  rewriting
   --dialect NAME  read RULES-FILE and the terms, and write results, in dialect NAME:
                   vorn (default), smtlib or scheme
   -f FILE         rewrite every expression of FILE ('-': standard input)
@@ -413,8 +425,10 @@ int rewrite_command(const Options& o) {
     load_rules(m, rewriter, file_input(o.operands[0]), o.dialect);
   }
 
-  // The terms, each with where it came from. Each input is read one expression at a time;
-  // they are all read before the first is rewritten, so that bad input writes no result.
+  // The terms: operands are read and checked before the first result is written; files
+  // and standard input are read one expression at a time, each rewritten
+  // and written before the next is read, so what the command holds between terms is the
+  // rules, the rewriter's memo (bounded) and what it has not collected yet (bounded).
   std::vector<Input> inputs = expression_inputs(o, builtin ? 0 : 1);
   vorn::Dialect dialect = o.dialect;
   if (demo) {
@@ -423,48 +437,58 @@ int rewrite_command(const Options& o) {
   } else if (inputs.empty()) {
     inputs.push_back(file_input("-"));
   }
-  struct Term {
-    Sexp term;
-    std::size_t input;
-    TextPosition at;
+  // Operands and built-in text are read first: what they hold is on hand already.
+  const auto read_first = [](const Input& input) {
+    return input.kind == Input::operand || input.kind == Input::text;
   };
-  std::vector<Term> terms;
+  std::vector<std::vector<std::pair<Sexp, TextPosition>>> read_before(inputs.size());
   for (std::size_t i = 0; i < inputs.size(); ++i) {
-    read_each(m, inputs[i], dialect, [&](const Sexp& e, const TextPosition& p) {
-      terms.push_back({e, i, p});
-    });
+    if (!read_first(inputs[i])) continue;
+    read_each(m, inputs[i], dialect,
+              [&](const Sexp& e, const TextPosition& p) { read_before[i].emplace_back(e, p); });
   }
 
   rewriter.set_max_steps(o.max_steps);
+  rewriter.set_collect_every(kCollectEvery);
   if (o.trace) {
     rewriter.set_trace([&o](std::size_t rule, const Sexp& before, const Sexp& after) {
       std::cout << "rule " << rule + 1 << ": " << vorn::to_text(before, output(o)) << " -> "
                 << vorn::to_text(after, output(o)) << '\n';
     });
   }
-  const std::uint64_t nodes_before = vorn::tool::canonical_nodes_made(m);
+  std::uint64_t terms = 0;
   std::chrono::steady_clock::duration spent{};
-  for (const Term& t : terms) {
+  const auto rewrite = [&](const Input& input, const Sexp& term, const TextPosition& where) {
     const auto start = std::chrono::steady_clock::now();
     Sexp normal;
     try {
-      normal = rewriter.normalize(t.term);
+      normal = rewriter.normalize(term);
     } catch (const vorn::tool::StepLimitExceeded& e) {
-      throw Failure(at(inputs[t.input], t.at) + ": " + e.what() + " (see --max-steps)");
+      throw Failure(at(input, where) + ": " + e.what() + " (see --max-steps)");
     }
     spent += std::chrono::steady_clock::now() - start;
-    std::cout << vorn::to_text(t.term, output(o)) << " => " << vorn::to_text(normal, output(o))
+    ++terms;
+    std::cout << vorn::to_text(term, output(o)) << " => " << vorn::to_text(normal, output(o))
               << '\n';
+  };
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    if (read_first(inputs[i])) {
+      const auto terms_read = std::move(read_before[i]);
+      for (const auto& [term, where] : terms_read) rewrite(inputs[i], term, where);
+    } else {
+      read_input(m, inputs[i], dialect, [&](const Sexp& term, const TextPosition& where) {
+        rewrite(inputs[i], term, where);
+      });
+    }
   }
   if (demo || o.stats) {
     const auto& s = rewriter.stats();
     const double ms = std::chrono::duration<double, std::milli>(spent).count();
     char time[32];
     std::snprintf(time, sizeof time, "%.3f ms", ms);
-    std::cout << "stats: " << terms.size() << " terms, " << s.steps << " steps, "
-              << vorn::tool::canonical_nodes_made(m) - nodes_before << " nodes made, "
-              << s.sharing_hits << " sharing hits, " << s.memo_hits << " memo hits, " << time
-              << '\n';
+    std::cout << "stats: " << terms << " terms, " << s.steps << " steps, " << s.nodes_made
+              << " nodes made, " << s.sharing_hits << " sharing hits, " << s.memo_hits
+              << " memo hits, " << time << '\n';
   }
   return flushed(0);
 }
