@@ -72,10 +72,11 @@ class Rewriter {
     std::uint64_t steps = 0;         // rule applications
     std::uint64_t memo_hits = 0;     // subterms whose normal form was already known
     std::uint64_t sharing_hits = 0;  // rebuilt list cells that already existed
-    // Node ids the manager handed out while rewriting. Ids are not reused until the
-    // manager's id counter first wraps (2^32 ids), so until then this is exactly the nodes
-    // made, those collected since included; after it, the ids of live nodes the counter
-    // skips are counted too.
+    // Node ids the manager handed out during the calls of normalize that returned (a
+    // sharing hit gives its id back). Ids are not reused until the manager's id counter
+    // first wraps (2^32 ids), so until then this is exactly the nodes made, those
+    // collected since included; after it, the ids of live nodes the counter skips are
+    // counted too.
     std::uint64_t nodes_made = 0;
     std::uint64_t collections = 0;  // times the rewriter collected the manager
   };
