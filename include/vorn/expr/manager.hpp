@@ -261,6 +261,7 @@ class SexpManager {
   /// more than a constant factor over growing. A sharing hit never collects.
   void set_auto_collect(bool on) noexcept {
     auto_collecting = on;
+    all_held_at_last_look = false;
     collect_at = shared_table.growth_point();
   }
   bool auto_collect() const noexcept { return auto_collecting; }
@@ -345,6 +346,9 @@ class SexpManager {
   // the manager and the handle operations.
   bool child_ids_are_identities = true;
   bool auto_collecting = false;  // see set_auto_collect
+  // In automatic mode, whether the last look for nodes to give back at a growth point
+  // found none: the next growth then looks as it hashes (see collect_before_growth).
+  bool all_held_at_last_look = false;
   // In automatic mode, the table size at which an insert first calls collect_before_growth:
   // the table's growth point, or the size at which a growth it decided on failed.
   std::uint64_t collect_at = 0;
