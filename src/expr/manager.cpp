@@ -113,28 +113,22 @@ std::size_t SexpManager::collect() noexcept {
 // on the grown table, and if less than half the growth point is then held the table goes
 // back to its old bucket array, kept for that. Either way the same nodes are given back and
 // the table ends with the same bucket count as collecting first; only the order in which
-// slots and chain nodes come back follows the sweep of the grown table instead.
+// slots and chain nodes come back follows the sweep of the grown table instead. A growth
+// that fails there has collected nothing and changed nothing; the next insert tries again.
 void SexpManager::collect_before_growth() {
   if (shared_table.grows_on_next_insert() && all_held_at_last_look) {
     const std::uint64_t old_growth_point = shared_table.growth_point();
     SharedTable::BucketArray old;
-    std::size_t unheld = 0;
-    collect_at = shared_table.size();
-    try {
-      unheld = shared_table.rehash_counting(shared_table.bucket_count() + 1,
-                                            [](const Sexp_* n) { return n->refcount == 1; }, old);
-    } catch (const std::bad_alloc&) {
-      all_held_at_last_look = false;  // collect first below, which may make room
+    collect_at = shared_table.size();  // if the growth fails, the next insert tries it again
+    const std::size_t unheld = shared_table.rehash_counting(
+        shared_table.bucket_count() + 1, [](const Sexp_* n) { return n->refcount == 1; }, old);
+    if (unheld != 0) {
+      collect();
+      all_held_at_last_look = false;
+      if (shared_table.size() < old_growth_point / 2) shared_table.return_to(old);
     }
-    if (all_held_at_last_look) {
-      if (unheld != 0) {
-        collect();
-        all_held_at_last_look = false;
-        if (shared_table.size() < old_growth_point / 2) shared_table.return_to(old);
-      }
-      collect_at = shared_table.growth_point();
-      return;
-    }
+    collect_at = shared_table.growth_point();
+    return;
   }
   if (shared_table.grows_on_next_insert()) all_held_at_last_look = collect() == 0;
   if (shared_table.size() >= shared_table.growth_point() / 2) {
