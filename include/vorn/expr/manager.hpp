@@ -259,6 +259,12 @@ class SexpManager {
   /// entries at which it would have grown are still held after collecting, so each
   /// collection is paid for by as many inserts as it can free, and collecting never costs
   /// more than a constant factor over growing. A sharing hit never collects.
+  ///
+  /// When the last such collection found nothing to give back, the next growth looks for
+  /// unheld nodes as it rehashes instead of in a pass of its own, and collects (then goes
+  /// back to the old bucket count if too little is held) only if it saw one: the same
+  /// nodes are given back and the table ends with the same bucket count, but their slots
+  /// and chain nodes come back in the sweep order of the grown table.
   void set_auto_collect(bool on) noexcept {
     auto_collecting = on;
     all_held_at_last_look = false;
