@@ -105,8 +105,32 @@ std::size_t SexpManager::collect() noexcept {
 // Grows anyway when at least half of the growth point is still held after collecting:
 // the next collection then waits for the next growth point, so inserts pay for it. A
 // growth that fails is tried again by the next insert, without collecting again.
+//
+// Looking for a node to give back reads every entry's count, a pass over the table as long
+// as the growth's own. So when the last look found every entry held (as while a host
+// builds), the growth comes first and looks at each count as it hashes the entry, where
+// the node is in the cache already. Only if it saw an unheld node does the collection run,
+// on the grown table, and if less than half the growth point is then held the table goes
+// back to its old bucket array, kept for that. Either way the same nodes are given back and
+// the table ends with the same bucket count as collecting first; only the order in which
+// slots and chain nodes come back follows the sweep of the grown table instead. A growth
+// that fails there has collected nothing and changed nothing; the next insert tries again.
 void SexpManager::collect_before_growth() {
-  if (shared_table.grows_on_next_insert()) collect();
+  if (shared_table.grows_on_next_insert() && all_held_at_last_look) {
+    const std::uint64_t old_growth_point = shared_table.growth_point();
+    SharedTable::BucketArray old;
+    collect_at = shared_table.size();  // if the growth fails, the next insert tries it again
+    const std::size_t unheld = shared_table.rehash_counting(
+        shared_table.bucket_count() + 1, [](const Sexp_* n) { return n->refcount == 1; }, old);
+    if (unheld != 0) {
+      collect();
+      all_held_at_last_look = false;
+      if (shared_table.size() < old_growth_point / 2) shared_table.return_to(old);
+    }
+    collect_at = shared_table.growth_point();
+    return;
+  }
+  if (shared_table.grows_on_next_insert()) all_held_at_last_look = collect() == 0;
   if (shared_table.size() >= shared_table.growth_point() / 2) {
     collect_at = shared_table.size();
     shared_table.rehash(shared_table.bucket_count() + 1);

@@ -188,5 +188,31 @@ TEST(Collect, AutomaticModeGrowsTheTableOnlyForLiveNodes) {
   EXPECT_GT(buckets[0], 10 * buckets[1]);
 }
 
+// Once a growth point found every entry held, the next one looks at the counts while it
+// grows. If many were dropped since, the growth is undone after collecting; if few, it
+// stands; either way the table ends as collecting first would leave it, and what was dropped
+// is given back.
+TEST(Collect, AutomaticModeAfterEveryEntryWasHeld) {
+  for (const bool drop_most : {true, false}) {
+    SexpManager m;
+    m.set_auto_collect(true);
+    std::vector<Sexp> held;
+    unsigned long value = 1;
+    // Through three growth points (22, 52, 106 entries) with everything held.
+    while (Internals::shared_size(m) < 150) held.push_back(m.sh_sym(value++));
+    ASSERT_EQ(Internals::shared_buckets(m), 313u);
+    for (std::size_t i = 0; i < held.size(); ++i) {
+      if (drop_most ? i % 10 != 0 : i % 10 == 0) held[i] = Sexp();
+    }
+    const std::size_t live = Internals::shared_size(m) - (drop_most ? 134 : 15);
+    // Up to the growth point at 220 entries, then one insert more.
+    while (Internals::shared_size(m) < 220) held.push_back(m.sh_sym(value++));
+    held.push_back(m.sh_sym(value++));
+    EXPECT_EQ(Internals::shared_buckets(m), drop_most ? 313u : 643u) << drop_most;
+    EXPECT_EQ(Internals::shared_size(m), live + 220 - 150 + 1) << drop_most;
+    EXPECT_EQ(m.collect(), 0u) << drop_most;
+  }
+}
+
 }  // namespace
 }  // namespace vorn

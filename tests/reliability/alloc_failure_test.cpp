@@ -168,13 +168,15 @@ const std::vector<Workload> workloads = {
       {counts, [](World& w) { w.put(w.mt->match(w.h[30], w.h[31]) ? "T" : "F"); }},
       {building, [](World& w) { w.put(instantiate(*w.m, w.h[30], *w.mt) == w.h[31] ? "=" : "!"); }},
       {building, [](World& w) { w.put(to_text(instantiate(*w.m, w.h[35], *w.mt))); }}}},
-    {"Collecting",  // collect, rebuild, then churn across growth points in automatic mode
+    {"Collecting",  // collect, rebuild, then build and churn across growth points in automatic mode
      {{sharing, [](World& w) { w.h.push_back(w.m->sh_sym(w.h.size() + 1)); }, 100},
       {sharing, extend, 70},
       {fixed, [](World& w) { w.h.resize(50), w.k = 0; }},
       {fixed, [](World& w) { w.put(std::to_string(w.m->collect())); }},
       {sharing, extend, 70},
       {fixed, [](World& w) { w.m->set_auto_collect(true); }},
+      {sharing | collected,  // a growth point with every entry held
+       [](World& w) { w.h.push_back(w.m->sh_sym(w.h.size() + 1000)); }, 150},
       {sharing | collected,
        [](World& w) {
          w.h.push_back(w.m->sh_cons(w.h[w.k % 50], w.h[w.k / 50 % 50]));

@@ -259,8 +259,15 @@ class SexpManager {
   /// entries at which it would have grown are still held after collecting, so each
   /// collection is paid for by as many inserts as it can free, and collecting never costs
   /// more than a constant factor over growing. A sharing hit never collects.
+  ///
+  /// When the last such collection found nothing to give back, the next growth looks for
+  /// unheld nodes as it rehashes instead of in a pass of its own, and collects (then goes
+  /// back to the old bucket count if too little is held) only if it saw one: the same
+  /// nodes are given back and the table ends with the same bucket count, but their slots
+  /// and chain nodes come back in the sweep order of the grown table.
   void set_auto_collect(bool on) noexcept {
     auto_collecting = on;
+    all_held_at_last_look = false;
     collect_at = shared_table.growth_point();
   }
   bool auto_collect() const noexcept { return auto_collecting; }
@@ -345,6 +352,9 @@ class SexpManager {
   // the manager and the handle operations.
   bool child_ids_are_identities = true;
   bool auto_collecting = false;  // see set_auto_collect
+  // In automatic mode, whether the last look for nodes to give back at a growth point
+  // found none: the next growth then looks as it hashes (see collect_before_growth).
+  bool all_held_at_last_look = false;
   // In automatic mode, the table size at which an insert first calls collect_before_growth:
   // the table's growth point, or the size at which a growth it decided on failed.
   std::uint64_t collect_at = 0;

@@ -260,35 +260,44 @@ class Hashtable {
     return link_new(bucket_of(h), v);
   }
 
+  /// The bucket array a growth leaves behind (see rehash_counting), for return_to().
+  using BucketArray = std::vector<Bucket*>;
+
   /// Grows to the first prime not below `n` (the largest prime if none is), unless the
   /// table already has `n` buckets or more. Nodes are relinked, not copied. When the new
   /// bucket array cannot be allocated, `std::bad_alloc` leaves the table unchanged.
   void rehash(std::size_t n) {
-    if (buckets.size() >= n) return;
+    BucketArray old;
+    rehash_counting(n, [](const Value&) { return false; }, old);
+  }
+
+  /// rehash(n) that also returns how many elements satisfy `test(item)`, testing each one
+  /// right after hashing it, so the test may read what hashing has just brought into the
+  /// cache at almost no cost. The old bucket array is left in `old` rather than freed
+  /// (its contents mean nothing), so that return_to(old) can undo the growth without
+  /// allocating. Returns 0 when the table does not grow.
+  template <class Test>
+  std::size_t rehash_counting(std::size_t n, Test test, BucketArray& old) {
+    if (buckets.size() >= n) return 0;
     const std::uint64_t* p = std::lower_bound(std::begin(primes), std::end(primes),
                                               static_cast<std::uint64_t>(n));
     if (p == std::end(primes)) --p;
-    std::vector<Bucket*> old(*p, nullptr);
+    BucketArray(*p, nullptr).swap(old);
     old.swap(buckets);
-    prime_at = static_cast<std::size_t>(p - std::begin(primes));
-    grow_at = detail::growth_threshold(*p);
-    // Every element goes to the front of its new chain, in the order of a walk of the old
-    // chains. The walk gathers a batch, asking memory for what the batch's hashes will
-    // read, then hashes and links the batch: the cache misses of a batch overlap instead
-    // of following one another, and the chains end exactly as one-by-one relinking leaves
-    // them.
-    Bucket* gathered[rehash_batch];
-    std::size_t k = 0;
-    for (std::size_t b = 0; b < old.size(); ++b) {
-      if (b + rehash_batch < old.size()) detail::prefetch(old[b + rehash_batch]);
-      for (Bucket* head = old[b]; head != nullptr;) {
-        gathered[k] = head;
-        head = head->next;  // read before the batch is linked
-        detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[k]->item), 0);
-        if (++k == rehash_batch) relink(gathered, k);
-      }
-    }
-    relink(gathered, k);
+    return relink_all(old, static_cast<std::size_t>(p - std::begin(primes)), test);
+  }
+
+  /// Moves every element back into `array`, a bucket array that rehash_counting() left
+  /// behind, restoring the bucket count it had; the current array takes its place in
+  /// `array`. Allocates nothing. The chains end as a rehash to that count would leave them.
+  void return_to(BucketArray& array) noexcept {
+    const std::uint64_t* p =
+        std::lower_bound(std::begin(primes), std::end(primes), static_cast<std::uint64_t>(array.size()));
+    assert(p != std::end(primes) && *p == array.size() && "not a bucket array of this table");
+    std::fill(array.begin(), array.end(), nullptr);
+    array.swap(buckets);
+    relink_all(array, static_cast<std::size_t>(p - std::begin(primes)),
+               [](const Value&) { return false; });
   }
 
   /// Removes every element: each chain, head to tail and bucket by bucket, goes back to
@@ -374,14 +383,43 @@ class Hashtable {
 
   static constexpr std::size_t rehash_batch = 16;  // nodes gathered before they are linked
 
+  // Links every node of the chains of `old` into the (empty) current bucket array, which
+  // has primes[new_prime_at] buckets; returns how many items satisfy `test`.
+  //
+  // Every element goes to the front of its new chain, in the order of a walk of the old
+  // chains. The walk gathers a batch, asking memory for what the batch's hashes will read,
+  // then hashes and links the batch: the cache misses of a batch overlap instead of
+  // following one another, and the chains end exactly as one-by-one relinking leaves them.
+  template <class Test>
+  std::size_t relink_all(const BucketArray& old, std::size_t new_prime_at, Test test) noexcept {
+    prime_at = new_prime_at;
+    grow_at = detail::growth_threshold(primes[new_prime_at]);
+    Bucket* gathered[rehash_batch];
+    std::size_t k = 0, counted = 0;
+    for (std::size_t b = 0; b < old.size(); ++b) {
+      if (b + rehash_batch < old.size()) detail::prefetch(old[b + rehash_batch]);
+      for (Bucket* head = old[b]; head != nullptr;) {
+        gathered[k] = head;
+        head = head->next;  // read before the batch is linked
+        detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[k]->item), 0);
+        if (++k == rehash_batch) counted += relink(gathered, k, test);
+      }
+    }
+    return counted + relink(gathered, k, test);
+  }
+
   // Puts the `k` gathered nodes, in order, at the front of their chains; empties the batch.
-  void relink(Bucket* const* gathered, std::size_t& k) noexcept {
+  // Returns how many of their items satisfy `test`, each tested just after it is hashed.
+  template <class Test>
+  std::size_t relink(Bucket* const* gathered, std::size_t& k, Test test) noexcept {
     std::uint64_t index[rehash_batch];
+    std::size_t counted = 0;
     for (std::size_t i = 0; i < k; ++i) {
       detail::KeyPrefetch<Hash, Key>::run(GetKey()(gathered[i]->item), 1);
     }
     for (std::size_t i = 0; i < k; ++i) {
       index[i] = bucket_of(Hash()(GetKey()(gathered[i]->item)));
+      counted += test(gathered[i]->item) ? 1 : 0;
       detail::prefetch(&buckets[index[i]]);
     }
     for (std::size_t i = 0; i < k; ++i) {
@@ -389,6 +427,7 @@ class Hashtable {
       buckets[index[i]] = gathered[i];
     }
     k = 0;
+    return counted;
   }
 
   // h modulo the bucket count.
@@ -411,7 +450,7 @@ class Hashtable {
   }
 
   ObjectPool<Bucket, false> pool{16, 2.0f, 8192};  // source of every chain node
-  std::vector<Bucket*> buckets;  // chain heads; size() is always an entry of primes
+  BucketArray buckets;  // chain heads; size() is always an entry of primes
   std::uint64_t count = 0;       // elements stored == nodes in all chains
   // Derived from the bucket count, kept beside it so that no operation divides:
   std::size_t prime_at = 0;  // buckets.size() == primes[prime_at]
