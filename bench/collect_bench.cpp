@@ -125,21 +125,27 @@ void BM_Churn(benchmark::State& state) {
 }
 BENCHMARK(BM_Churn)->ArgName("auto")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
-// Making and dropping a plain node, before (0) and after (1) the ids wrap. 2^16 nodes stay
-// alive; after the wrap their ids are spread over the whole id space, so new ids skip a
-// live one every 2^16, and the counter runs out again (a new snapshot) every 2^32 nodes.
-void BM_MakeNode(benchmark::State& state) {
-  SexpManager m;
+// 2^16 nodes that stay alive. With `wrapped`, their ids are spread over the whole id space
+// and the counter is taken past its end, so new ids skip a live one every 2^16 and the
+// counter runs out again (a new snapshot) every 2^32 nodes; otherwise ids are as made.
+std::vector<Sexp> live_nodes(SexpManager& m, bool wrapped) {
   std::vector<Sexp> live;
   constexpr std::uint32_t spread = 1u << 16;
   for (std::uint32_t i = 1; i <= spread; ++i) {
-    if (state.range(0) != 0) I::set_next_id(m, i * (0xFFFFFFFFu / spread));
+    if (wrapped) I::set_next_id(m, i * (0xFFFFFFFFu / spread));
     live.push_back(m.sym(i));
   }
-  if (state.range(0) != 0) {
+  if (wrapped) {
     I::set_next_id(m, 0xFFFFFFFFu);
     m.sym(0), m.sym(0);  // the last id, then the snapshot
   }
+  return live;
+}
+
+// Making and dropping a plain node, before (0) and after (1) the ids wrap.
+void BM_MakeNode(benchmark::State& state) {
+  SexpManager m;
+  const std::vector<Sexp> live = live_nodes(m, state.range(0) != 0);
   for (auto _ : state) benchmark::DoNotOptimize(m.sym(0).get());
   state.SetItemsProcessed(state.iterations());
 }
@@ -149,16 +155,7 @@ BENCHMARK(BM_MakeNode)->ArgName("wrapped")->Arg(0)->Arg(1);
 // only through collection, which is left out here).
 void BM_MakeSharedNode(benchmark::State& state) {
   SexpManager m;
-  std::vector<Sexp> live;
-  constexpr std::uint32_t spread = 1u << 16;
-  for (std::uint32_t i = 1; i <= spread; ++i) {
-    if (state.range(0) != 0) I::set_next_id(m, i * (0xFFFFFFFFu / spread));
-    live.push_back(m.sym(i));
-  }
-  if (state.range(0) != 0) {
-    I::set_next_id(m, 0xFFFFFFFFu);
-    m.sym(0), m.sym(0);
-  }
+  const std::vector<Sexp> live = live_nodes(m, state.range(0) != 0);
   Sexp list = m.nil();
   const Sexp x = m.sh_sym(1);
   for (auto _ : state) list = m.sh_cons(x, list);
