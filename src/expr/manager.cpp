@@ -141,8 +141,16 @@ unsigned long SexpManager::make_symbol(const char* name) {
   // The name is measured and hashed once, for the look-up, the copy and the insertion.
   std::size_t len;
   const std::uint64_t h = hsh::hash<char*>::of(name, len);
-  const auto* known = symbol_table.find_item(
-      h, [name](const auto& entry) { return CStr_eq()(entry.first, name); });
+  return intern_symbol(name, len, h);
+}
+
+unsigned long SexpManager::intern_symbol(const char* name, std::size_t len, std::uint64_t h) {
+  // Equal to CStr_eq on the terminated name: strncmp stops at the stored copy's NUL, and a
+  // stored copy that matches all `len` bytes is the name only if it ends there.
+  const auto* known = symbol_table.find_item(h, [name, len](const auto& entry) {
+    return (len == 0 || entry.first[0] == name[0]) && std::strncmp(entry.first, name, len) == 0 &&
+           entry.first[len] == '\0';
+  });
   if (known != nullptr) return known->second;
 
   auto* copy = static_cast<char*>(std::malloc(len + 1));

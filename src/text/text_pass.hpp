@@ -21,6 +21,15 @@
 
 namespace vorn::detail {
 
+// The manager's entry points for the reader, which has the text but no terminated copy.
+struct ReaderAccess {
+  // make_symbol of the `len` bytes at `name` (none NUL, len > 0), without a terminated copy:
+  // the same hash, look-up, malloc(len + 1) and insert as make_symbol on that name.
+  static unsigned long intern(SexpManager& m, const char* name, std::size_t len) {
+    return m.intern_symbol(name, len, hsh::hash<char*>::of_bytes(name, len));
+  }
+};
+
 // Errors are rare: the position is worked out from the byte offset only when one is thrown.
 struct Position {
   std::size_t line = 1;
@@ -356,17 +365,20 @@ class Reader {
 
   void read_name(std::size_t begin, std::size_t end) {
     const char* const s = text_.data();
-    if (const void* nul = std::memchr(s + begin, '\0', end - begin)) {
-      fail(static_cast<std::size_t>(static_cast<const char*>(nul) - s), "NUL byte in name");
-    }
-    if (building()) {
-      name_.assign(s + begin, end - begin);
+    if constexpr (!Build) {
+      if (const void* nul = std::memchr(s + begin, '\0', end - begin)) {
+        fail(static_cast<std::size_t>(static_cast<const char*>(nul) - s), "NUL byte in name");
+      }
+    } else if (building()) {
       if (scheme && fold_case_) {
+        name_.assign(s + begin, end - begin);
         for (char& c : name_) {
           if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
         }
+        intern_name();
+      } else {  // interned straight from the text, which the checking pass found free of NUL
+        items.push_back(m_->sh_sym(ReaderAccess::intern(*m_, s + begin, end - begin)));
       }
-      intern_name();
     }
   }
 
@@ -378,6 +390,20 @@ class Reader {
 
   // `"..."` opened at `begin`; returns the offset after the closing quote.
   std::size_t read_string(std::size_t begin) {
+    if (Build && building()) {  // a string without escapes is interned straight from the text
+      const char* const s = text_.data();
+      const std::size_t n = text_.size();
+      const void* found = std::memchr(s + begin + 1, '"', n - begin - 1);
+      const std::size_t close =  // the checking pass found the string closed
+          static_cast<std::size_t>(static_cast<const char*>(found) - s);
+      const bool plain = syntax.string_escapes == Escapes::doubled
+                             ? close + 1 == n || s[close + 1] != '"'
+                             : std::memchr(s + begin + 1, '\\', close - begin - 1) == nullptr;
+      if (plain) {
+        items.push_back(m_->sh_string(text_.substr(begin + 1, close - begin - 1)));
+        return close + 1;
+      }
+    }
     if (building()) name_.clear();
     const std::size_t end = read_quoted(begin, '"', syntax.string_escapes, "string");
     if (building()) items.push_back(m_->sh_string(name_));

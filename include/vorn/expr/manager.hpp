@@ -21,6 +21,7 @@ namespace vorn {
 
 namespace detail {
 struct SexpManagerInternals;  // white-box access for the library's own tests
+struct ReaderAccess;          // the text reader's entry points (src/text/text_pass.hpp)
 }  // namespace detail
 
 /// Makes every node, stamps it with an id, interns symbol names and keeps one
@@ -268,6 +269,12 @@ class SexpManager {
  private:
   friend void detail::reclaim(Sexp_*) noexcept;
   friend struct detail::SexpManagerInternals;
+  friend struct detail::ReaderAccess;
+
+  // make_symbol of a name the caller has measured and hashed: `len` bytes at `name`, none
+  // of them NUL (no terminator needed), `h` their hash<char*>. Every effect is make_symbol's
+  // on that name: the same look-up, one malloc(len + 1) for a new copy, the same insert.
+  unsigned long intern_symbol(const char* name, std::size_t len, std::uint64_t h);
 
   using SymbolTable = hsh::Hashtable<std::pair<const char*, unsigned long>,
                                      hsh::GetKey_pair<const char*, unsigned long>, const char*,
