@@ -204,15 +204,14 @@ void SexpManager::take_node_chunk() { sexp_pool.deallocate(sexp_pool.allocate())
 
 // On a miss the node takes the next id and slot. If entering it in the table fails, it
 // keeps one reference (the table's) and stays alive, as strhash's miss would leave it.
-Sexp SexpManager::enter_canonical(Sexp_* fresh, std::uint64_t h) {
+Sexp_* SexpManager::enter_canonical(Sexp_* fresh, std::uint64_t h) {
   shared_table.insert_absent(h, fresh);  // on failure `fresh` keeps the table's reference
-  fresh->add_ref();                      // the caller's
-  return Sexp(fresh, Sexp::Adopt{});
+  return fresh;
 }
 
 // In automatic mode a collection comes before the node is made, so it may take a slot just
 // given back; the shape is still absent (collecting only removes).
-Sexp SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
+Sexp_* SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
   before_shared_insert();
   Sexp_* n = alloc_sexp();
   n->make_fresh_cons();
@@ -224,7 +223,7 @@ Sexp SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
   return enter_canonical(n, h);
 }
 
-Sexp SexpManager::enter_symbol(unsigned long value) {
+Sexp_* SexpManager::enter_symbol(unsigned long value) {
   before_shared_insert();
   Sexp_* n = alloc_sexp();
   n->value = value;

@@ -92,7 +92,7 @@ std::vector<Sexp> read_all(SexpManager& m, std::string_view text, bool exactly_o
     throw_at(text, check.second, "expected one expression, found " + std::to_string(check.count));
   Reader<true, D> build(&m, text);
   build.run();
-  return std::move(build.items);
+  return build.take_items();
 }
 
 std::vector<Sexp> read_all(SexpManager& m, std::string_view text, Dialect dialect,

@@ -28,6 +28,12 @@ struct ReaderAccess {
   static unsigned long intern(SexpManager& m, const char* name, std::size_t len) {
     return m.intern_symbol(name, len, hsh::hash<char*>::of_bytes(name, len));
   }
+  // sh_cons and sh_sym without the caller's reference (see SexpManager::shared_cons).
+  static Sexp_* cons(SexpManager& m, Sexp_* a, Sexp_* d) { return m.shared_cons(a, d); }
+  static Sexp_* symbol(SexpManager& m, unsigned long value) { return m.shared_symbol(value); }
+  static Sexp_* string(SexpManager& m, std::string_view content) {
+    return m.shared_symbol(m.make_string(content));
+  }
 };
 
 // Errors are rare: the position is worked out from the byte offset only when one is thrown.
@@ -108,7 +114,26 @@ class Reader {
   static constexpr bool scheme = D == Dialect::scheme;
 
  public:
-  Reader(SexpManager* m, std::string_view text) noexcept : m_(m), text_(text) {}
+  Reader(SexpManager* m, std::string_view text) noexcept
+      : hold_(m != nullptr && m->auto_collect()), m_(m), text_(text) {}
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+  ~Reader() {
+    if (hold_)
+      for (Sexp_* n : items) n->release();
+  }
+
+  // Building: the finished top-level expressions, as handles; the reader keeps none.
+  std::vector<Sexp> take_items() {
+    std::vector<Sexp> out;
+    out.reserve(items.size());
+    for (Sexp_* n : items) {
+      out.emplace_back(n);
+      if (hold_) n->release();  // the handle has the reference the reader held
+    }
+    items.clear();
+    return out;
+  }
 
   void run() {
     const char* const s = text_.data();
@@ -179,8 +204,12 @@ class Reader {
     }
   }
 
-  // Building: the finished top-level expressions, once run() has returned.
-  std::vector<Sexp> items;
+  // Building: the nodes of the expressions read and not yet put in a list, innermost last
+  // (the finished top-level expressions, once run() has returned). They are canonical, so
+  // the shared table keeps them alive; the reader takes no reference on them unless the
+  // manager collects by itself (hold_), when a collection in the middle of a read must not
+  // take them. Either way every count ends where handles would have left it.
+  std::vector<Sexp_*> items;
   std::size_t count = 0;        // top-level expressions
   std::size_t first_begin = 0;  // offset where the first top-level expression begins
   std::size_t second = 0;       // offset where the second top-level expression begins
@@ -197,6 +226,31 @@ class Reader {
   static unsigned char class_of(char c) noexcept {
     return syntax.classes[static_cast<unsigned char>(c)];
   }
+  Sexp_* nil_node() const noexcept { return m_->nil().get(); }  // nil lives as long as m_
+
+  // Appends a node just found or made; with hold_, takes a reference on it once it is in.
+  void push(Sexp_* n) {
+    items.push_back(n);
+    if (hold_) n->add_ref();
+  }
+
+  // Replaces the last two items with their cons: (last, second last) when `last_is_car`,
+  // else (second last, last). Nothing changes before the cons exists, so a failure leaves
+  // both items where they were.
+  void cons_top(bool last_is_car) {
+    Sexp_* const last = items.back();
+    Sexp_* const before = items[items.size() - 2];
+    Sexp_* c = last_is_car ? ReaderAccess::cons(*m_, last, before)
+                           : ReaderAccess::cons(*m_, before, last);
+    items.pop_back();
+    items.back() = c;
+    if (hold_) {
+      c->add_ref();
+      last->release();
+      before->release();
+    }
+  }
+
   // Whether this pass makes nodes here: never while checking, nor inside a datum comment.
   bool building() const noexcept { return Build && (!scheme || muted_ == 0); }
 
@@ -251,10 +305,11 @@ class Reader {
           --muted_;
           return;  // the datum is dropped: nothing was completed for the enclosing frame
         }
-        if (building()) {
-          Sexp& x = items.back();
-          x = m_->sh_cons(m_->sh_sym(m_->make_symbol(head_name(kind))),
-                          m_->sh_cons(x, m_->nil()));
+        if (building()) {  // (head x)
+          push(nil_node());
+          cons_top(false);
+          push(ReaderAccess::symbol(*m_, m_->make_symbol(head_name(kind))));
+          cons_top(true);
         }
       }
     }
@@ -303,16 +358,12 @@ class Reader {
     if (f.state == ListState::after_dot) fail(f.dot, "misplaced '.'");
     if (building()) {
       // Bottom-up from the end, so every cons is made over canonical children.
-      Sexp list = f.state == ListState::tail ? items.back() : m_->nil();
-      if (f.state == ListState::tail) items.pop_back();
-      while (items.size() > f.first) {
-        list = m_->sh_cons(items.back(), list);
-        items.pop_back();
-      }
+      if (f.state != ListState::tail) push(nil_node());
+      while (items.size() > f.first + 1) cons_top(false);
       if (scheme && (f.kind == FrameKind::vector || f.kind == FrameKind::bytevector)) {
-        list = m_->sh_cons(m_->sh_sym(m_->make_symbol(head_name(f.kind))), list);
+        push(ReaderAccess::symbol(*m_, m_->make_symbol(head_name(f.kind))));
+        cons_top(true);
       }
-      items.push_back(list);
     }
     frames_.pop_back();
   }
@@ -350,7 +401,7 @@ class Reader {
       if (v > (UINT64_MAX - digit) / 10) fail(begin, "invalid number after '#'");
       v = v * 10 + digit;
     }
-    if (building()) items.push_back(m_->sh_sym(v));
+    if (building()) push(ReaderAccess::symbol(*m_, v));
   }
 
   // `#x` and hex digits or `#b` and binary digits.
@@ -377,13 +428,13 @@ class Reader {
         }
         intern_name();
       } else {  // interned straight from the text, which the checking pass found free of NUL
-        items.push_back(m_->sh_sym(ReaderAccess::intern(*m_, s + begin, end - begin)));
+        push(ReaderAccess::symbol(*m_, ReaderAccess::intern(*m_, s + begin, end - begin)));
       }
     }
   }
 
   void intern_name() {
-    items.push_back(name_.empty() ? m_->nil() : m_->sh_sym(m_->make_symbol(name_.c_str())));
+    push(name_.empty() ? nil_node() : ReaderAccess::symbol(*m_, m_->make_symbol(name_.c_str())));
   }
 
   // ---- strings and |names| -------------------------------------------------------------
@@ -400,13 +451,13 @@ class Reader {
                              ? close + 1 == n || s[close + 1] != '"'
                              : std::memchr(s + begin + 1, '\\', close - begin - 1) == nullptr;
       if (plain) {
-        items.push_back(m_->sh_string(text_.substr(begin + 1, close - begin - 1)));
+        push(ReaderAccess::string(*m_, text_.substr(begin + 1, close - begin - 1)));
         return close + 1;
       }
     }
     if (building()) name_.clear();
     const std::size_t end = read_quoted(begin, '"', syntax.string_escapes, "string");
-    if (building()) items.push_back(m_->sh_string(name_));
+    if (building()) push(ReaderAccess::string(*m_, name_));
     return end;
   }
 
@@ -661,6 +712,7 @@ class Reader {
     }
   }
 
+  bool hold_;              // the reader holds a reference on each of `items`
   bool in_name_ = false;    // reading a |name|, which may not hold NUL
   bool fold_case_ = false;  // scheme: #!fold-case seen (and no #!no-fold-case since)
   std::size_t muted_ = 0;   // open datum comments: nothing is built inside one
