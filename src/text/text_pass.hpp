@@ -25,9 +25,12 @@ namespace vorn::detail {
 struct ReaderAccess {
   // make_symbol of the `len` bytes at `name` (none NUL, len > 0), without a terminated copy:
   // the same hash, look-up, malloc(len + 1) and insert as make_symbol on that name.
-  static unsigned long intern(SexpManager& m, const char* name, std::size_t len) {
-    return m.intern_symbol(name, len, hsh::hash<char*>::of_bytes(name, len));
+  static unsigned long intern(SexpManager& m, const char* name, std::size_t len,
+                              std::uint64_t h) {
+    return m.intern_symbol(name, len, h);
   }
+  // What a sharing hit of sh_sym does besides the look-up: make sure a node could be made.
+  static void reserve_node(SexpManager& m) { m.reserve_node(); }
   // sh_cons and sh_sym without the caller's reference (see SexpManager::shared_cons).
   static Sexp_* cons(SexpManager& m, Sexp_* a, Sexp_* d) { return m.shared_cons(a, d); }
   static Sexp_* symbol(SexpManager& m, unsigned long value) { return m.shared_symbol(value); }
@@ -227,6 +230,46 @@ class Reader {
     return syntax.classes[static_cast<unsigned char>(c)];
   }
   Sexp_* nil_node() const noexcept { return m_->nil().get(); }  // nil lives as long as m_
+
+  // ---- recent atoms ------------------------------------------------------------------
+  //
+  // The canonical node of a short name or string content read before in this text, found
+  // by the bytes alone. A hit skips the name's and the node's table look-ups, which would
+  // both hit: it does only what such hits change, which is reserve_node() (a slot and an id
+  // must be available). The node is still canonical: the shared table holds it, and only a
+  // collection removes entries, which a read runs only in automatic mode (hold_), where the
+  // cache is not used.
+  static constexpr std::size_t max_cached = 19;  // bytes; an entry is 32
+  struct RecentAtom {
+    Sexp_* node = nullptr;
+    std::uint32_t len = 0;
+    bool string = false;
+    char bytes[max_cached];
+  };
+  static constexpr std::size_t cache_bits = 9;
+
+  // The canonical symbol of the name, or string atom of the content, of the `len` bytes at `p`.
+  Sexp_* atom(const char* p, std::size_t len, bool string) {
+    const std::uint64_t h = hsh::hash<char*>::of_bytes(p, len);
+    if (hold_ || len > max_cached) return make_atom(p, len, string, h);
+    if (recent_.empty()) recent_.resize(std::size_t{1} << cache_bits);
+    RecentAtom& r = recent_[((h ^ len) * 0x9E3779B97F4A7C15ull) >> (64 - cache_bits)];
+    if (r.node != nullptr && r.len == len && r.string == string &&
+        std::memcmp(r.bytes, p, len) == 0) {
+      ReaderAccess::reserve_node(*m_);
+      return r.node;
+    }
+    Sexp_* n = make_atom(p, len, string, h);
+    r.node = n;
+    r.len = static_cast<std::uint32_t>(len);
+    r.string = string;
+    std::memcpy(r.bytes, p, len);
+    return n;
+  }
+  Sexp_* make_atom(const char* p, std::size_t len, bool string, std::uint64_t h) {
+    if (string) return ReaderAccess::string(*m_, std::string_view(p, len));
+    return ReaderAccess::symbol(*m_, ReaderAccess::intern(*m_, p, len, h));
+  }
 
   // Appends a node just found or made; with hold_, takes a reference on it once it is in.
   void push(Sexp_* n) {
@@ -428,7 +471,7 @@ class Reader {
         }
         intern_name();
       } else {  // interned straight from the text, which the checking pass found free of NUL
-        push(ReaderAccess::symbol(*m_, ReaderAccess::intern(*m_, s + begin, end - begin)));
+        push(atom(s + begin, end - begin, false));
       }
     }
   }
@@ -451,7 +494,7 @@ class Reader {
                              ? close + 1 == n || s[close + 1] != '"'
                              : std::memchr(s + begin + 1, '\\', close - begin - 1) == nullptr;
       if (plain) {
-        push(ReaderAccess::string(*m_, text_.substr(begin + 1, close - begin - 1)));
+        push(atom(s + begin + 1, close - begin - 1, true));
         return close + 1;
       }
     }
@@ -720,6 +763,7 @@ class Reader {
   std::string_view text_;
   std::vector<Frame> frames_;  // open lists, innermost last
   std::string name_;           // the name or string content being read
+  std::vector<RecentAtom> recent_;  // building: direct-mapped by the bytes' hash; made on first use
 };
 
 }  // namespace vorn::detail
