@@ -36,7 +36,7 @@ class StringTable {
         if (s.tag == tag) {
           const std::string_view known = entries_[s.entry - 1];
           if (known.size() == content.size() &&
-              std::memcmp(known.data(), content.data(), content.size()) == 0)
+              (content.empty() || std::memcmp(known.data(), content.data(), content.size()) == 0))
             return s.entry - 1;
         }
       }
