@@ -57,9 +57,9 @@ namespace {
 
 // ---- vorn -------------------------------------------------------------------------------
 
-// The one place where vorn reads a text: the dialect (once the reader has one) is chosen here.
+// The one place where vorn reads a text: the vorn dialect, whose strings KiCad files use.
 std::vector<vorn::Sexp> vorn_read(vorn::SexpManager& m, std::string_view text) {
-  return vorn::parse_all(m, text);
+  return vorn::parse_all(m, text, vorn::ReadOptions{vorn::Dialect::vorn});
 }
 
 // A fresh manager per text, as a tool that opens one file has. False when the text does not read.

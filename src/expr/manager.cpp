@@ -165,8 +165,16 @@ unsigned long SexpManager::make_symbol(const char* name) {
   // The name is measured and hashed once, for the look-up, the copy and the insertion.
   std::size_t len;
   const std::uint64_t h = hsh::hash<char*>::of(name, len);
-  const auto* known = symbol_table.find_item(
-      h, [name](const auto& entry) { return CStr_eq()(entry.first, name); });
+  return intern_symbol(name, len, h);
+}
+
+unsigned long SexpManager::intern_symbol(const char* name, std::size_t len, std::uint64_t h) {
+  // Equal to CStr_eq on the terminated name: strncmp stops at the stored copy's NUL, and a
+  // stored copy that matches all `len` bytes is the name only if it ends there.
+  const auto* known = symbol_table.find_item(h, [name, len](const auto& entry) {
+    return (len == 0 || entry.first[0] == name[0]) && std::strncmp(entry.first, name, len) == 0 &&
+           entry.first[len] == '\0';
+  });
   if (known != nullptr) return known->second;
 
   auto* copy = static_cast<char*>(std::malloc(len + 1));
@@ -220,15 +228,14 @@ void SexpManager::take_node_chunk() { sexp_pool.deallocate(sexp_pool.allocate())
 
 // On a miss the node takes the next id and slot. If entering it in the table fails, it
 // keeps one reference (the table's) and stays alive, as strhash's miss would leave it.
-Sexp SexpManager::enter_canonical(Sexp_* fresh, std::uint64_t h) {
+Sexp_* SexpManager::enter_canonical(Sexp_* fresh, std::uint64_t h) {
   shared_table.insert_absent(h, fresh);  // on failure `fresh` keeps the table's reference
-  fresh->add_ref();                      // the caller's
-  return Sexp(fresh, Sexp::Adopt{});
+  return fresh;
 }
 
 // In automatic mode a collection comes before the node is made, so it may take a slot just
 // given back; the shape is still absent (collecting only removes).
-Sexp SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
+Sexp_* SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
   before_shared_insert();
   Sexp_* n = alloc_sexp();
   n->make_fresh_cons();
@@ -240,7 +247,7 @@ Sexp SexpManager::enter_cons(Sexp_* a, Sexp_* d, std::uint64_t h) {
   return enter_canonical(n, h);
 }
 
-Sexp SexpManager::enter_symbol(unsigned long value) {
+Sexp_* SexpManager::enter_symbol(unsigned long value) {
   before_shared_insert();
   Sexp_* n = alloc_sexp();
   n->value = value;

@@ -92,7 +92,7 @@ std::vector<Sexp> read_all(SexpManager& m, std::string_view text, bool exactly_o
     throw_at(text, check.second, "expected one expression, found " + std::to_string(check.count));
   Reader<true, D> build(&m, text);
   build.run();
-  return std::move(build.items);
+  return build.take_items();
 }
 
 std::vector<Sexp> read_all(SexpManager& m, std::string_view text, Dialect dialect,
@@ -104,7 +104,22 @@ std::vector<Sexp> read_all(SexpManager& m, std::string_view text, Dialect dialec
   }
 }
 
+template <Dialect D>
+Sexp build_in(SexpManager& m, std::string_view text) {
+  Reader<true, D> build(&m, text);
+  build.run();
+  return build.take_items().front();
+}
+
 }  // namespace
+
+Sexp build_scanned(SexpManager& m, std::string_view text, Dialect dialect) {
+  switch (dialect) {
+    case Dialect::smtlib: return build_in<Dialect::smtlib>(m, text);
+    case Dialect::scheme: return build_in<Dialect::scheme>(m, text);
+    default: return build_in<Dialect::vorn>(m, text);
+  }
+}
 
 Scan scan_first(std::string_view text, Dialect dialect, bool final) {
   switch (dialect) {

@@ -111,11 +111,7 @@ bool TextReader::next(Sexp& e) {
     if (scan.kind == detail::Scan::expression) {
       const TextPosition at = advanced(cursor_, text.substr(0, scan.begin));
       const std::string_view slice = text.substr(scan.begin, scan.end - scan.begin);
-      try {
-        e = parse(m_, slice, options_);
-      } catch (const ParseError& x) {
-        fail(in_stream(x, at));
-      }
+      e = detail::build_scanned(m_, slice, options_.dialect);  // checked by the scan
       start_ = cursor_ = at;
       begin_ += scan.begin;
       consume(slice.size());

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <string_view>
 
+#include "vorn/expr/manager.hpp"
 #include "vorn/text/dialect.hpp"
 
 namespace vorn::detail {
@@ -27,6 +28,12 @@ struct Scan {
 /// is reported incomplete rather than read or rejected. Bad text throws ParseError, with
 /// the line and column counted from the start of `text`. Makes no node: needs no manager.
 Scan scan_first(std::string_view text, Dialect dialect, bool final);
+
+/// parse() of `text`, which must be the slice [begin, end) of a text that scan_first found
+/// to be an expression: the node parse() would give, built without checking the text again
+/// (scan_first has checked exactly these bytes, and the grammar carries no state into an
+/// expression from what comes before it). Throws only std::bad_alloc.
+Sexp build_scanned(SexpManager& m, std::string_view text, Dialect dialect);
 
 }  // namespace vorn::detail
 

@@ -21,6 +21,24 @@
 
 namespace vorn::detail {
 
+// The manager's entry points for the reader, which has the text but no terminated copy.
+struct ReaderAccess {
+  // make_symbol of the `len` bytes at `name` (none NUL, len > 0), without a terminated copy:
+  // the same hash, look-up, malloc(len + 1) and insert as make_symbol on that name.
+  static unsigned long intern(SexpManager& m, const char* name, std::size_t len,
+                              std::uint64_t h) {
+    return m.intern_symbol(name, len, h);
+  }
+  // What a sharing hit of sh_sym does besides the look-up: make sure a node could be made.
+  static void reserve_node(SexpManager& m) { m.reserve_node(); }
+  // sh_cons and sh_sym without the caller's reference (see SexpManager::shared_cons).
+  static Sexp_* cons(SexpManager& m, Sexp_* a, Sexp_* d) { return m.shared_cons(a, d); }
+  static Sexp_* symbol(SexpManager& m, unsigned long value) { return m.shared_symbol(value); }
+  static Sexp_* string(SexpManager& m, std::string_view content) {
+    return m.shared_symbol(m.make_string(content));
+  }
+};
+
 // Errors are rare: the position is worked out from the byte offset only when one is thrown.
 struct Position {
   std::size_t line = 1;
@@ -99,7 +117,26 @@ class Reader {
   static constexpr bool scheme = D == Dialect::scheme;
 
  public:
-  Reader(SexpManager* m, std::string_view text) noexcept : m_(m), text_(text) {}
+  Reader(SexpManager* m, std::string_view text) noexcept
+      : hold_(m != nullptr && m->auto_collect()), m_(m), text_(text) {}
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+  ~Reader() {
+    if (hold_)
+      for (Sexp_* n : items) n->release();
+  }
+
+  // Building: the finished top-level expressions, as handles; the reader keeps none.
+  std::vector<Sexp> take_items() {
+    std::vector<Sexp> out;
+    out.reserve(items.size());
+    for (Sexp_* n : items) {
+      out.emplace_back(n);
+      if (hold_) n->release();  // the handle has the reference the reader held
+    }
+    items.clear();
+    return out;
+  }
 
   void run() {
     const char* const s = text_.data();
@@ -170,8 +207,12 @@ class Reader {
     }
   }
 
-  // Building: the finished top-level expressions, once run() has returned.
-  std::vector<Sexp> items;
+  // Building: the nodes of the expressions read and not yet put in a list, innermost last
+  // (the finished top-level expressions, once run() has returned). They are canonical, so
+  // the shared table keeps them alive; the reader takes no reference on them unless the
+  // manager collects by itself (hold_), when a collection in the middle of a read must not
+  // take them. Either way every count ends where handles would have left it.
+  std::vector<Sexp_*> items;
   std::size_t count = 0;        // top-level expressions
   std::size_t first_begin = 0;  // offset where the first top-level expression begins
   std::size_t second = 0;       // offset where the second top-level expression begins
@@ -188,6 +229,71 @@ class Reader {
   static unsigned char class_of(char c) noexcept {
     return syntax.classes[static_cast<unsigned char>(c)];
   }
+  Sexp_* nil_node() const noexcept { return m_->nil().get(); }  // nil lives as long as m_
+
+  // ---- recent atoms ------------------------------------------------------------------
+  //
+  // The canonical node of a short name or string content read before in this text, found
+  // by the bytes alone. A hit skips the name's and the node's table look-ups, which would
+  // both hit: it does only what such hits change, which is reserve_node() (a slot and an id
+  // must be available). The node is still canonical: the shared table holds it, and only a
+  // collection removes entries, which a read runs only in automatic mode (hold_), where the
+  // cache is not used.
+  static constexpr std::size_t max_cached = 19;  // bytes; an entry is 32
+  struct RecentAtom {
+    Sexp_* node = nullptr;
+    std::uint32_t len = 0;
+    bool string = false;
+    char bytes[max_cached];
+  };
+  static constexpr std::size_t cache_bits = 9;
+
+  // The canonical symbol of the name, or string atom of the content, of the `len` bytes at `p`.
+  Sexp_* atom(const char* p, std::size_t len, bool string) {
+    const std::uint64_t h = hsh::hash<char*>::of_bytes(p, len);
+    if (hold_ || len > max_cached) return make_atom(p, len, string, h);
+    if (recent_.empty()) recent_.resize(std::size_t{1} << cache_bits);
+    RecentAtom& r = recent_[((h ^ len) * 0x9E3779B97F4A7C15ull) >> (64 - cache_bits)];
+    if (r.node != nullptr && r.len == len && r.string == string &&
+        std::memcmp(r.bytes, p, len) == 0) {
+      ReaderAccess::reserve_node(*m_);
+      return r.node;
+    }
+    Sexp_* n = make_atom(p, len, string, h);
+    r.node = n;
+    r.len = static_cast<std::uint32_t>(len);
+    r.string = string;
+    std::memcpy(r.bytes, p, len);
+    return n;
+  }
+  Sexp_* make_atom(const char* p, std::size_t len, bool string, std::uint64_t h) {
+    if (string) return ReaderAccess::string(*m_, std::string_view(p, len));
+    return ReaderAccess::symbol(*m_, ReaderAccess::intern(*m_, p, len, h));
+  }
+
+  // Appends a node just found or made; with hold_, takes a reference on it once it is in.
+  void push(Sexp_* n) {
+    items.push_back(n);
+    if (hold_) n->add_ref();
+  }
+
+  // Replaces the last two items with their cons: (last, second last) when `last_is_car`,
+  // else (second last, last). Nothing changes before the cons exists, so a failure leaves
+  // both items where they were.
+  void cons_top(bool last_is_car) {
+    Sexp_* const last = items.back();
+    Sexp_* const before = items[items.size() - 2];
+    Sexp_* c = last_is_car ? ReaderAccess::cons(*m_, last, before)
+                           : ReaderAccess::cons(*m_, before, last);
+    items.pop_back();
+    items.back() = c;
+    if (hold_) {
+      c->add_ref();
+      last->release();
+      before->release();
+    }
+  }
+
   // Whether this pass makes nodes here: never while checking, nor inside a datum comment.
   bool building() const noexcept { return Build && (!scheme || muted_ == 0); }
 
@@ -242,10 +348,11 @@ class Reader {
           --muted_;
           return;  // the datum is dropped: nothing was completed for the enclosing frame
         }
-        if (building()) {
-          Sexp& x = items.back();
-          x = m_->sh_cons(m_->sh_sym(m_->make_symbol(head_name(kind))),
-                          m_->sh_cons(x, m_->nil()));
+        if (building()) {  // (head x)
+          push(nil_node());
+          cons_top(false);
+          push(ReaderAccess::symbol(*m_, m_->make_symbol(head_name(kind))));
+          cons_top(true);
         }
       }
     }
@@ -294,16 +401,12 @@ class Reader {
     if (f.state == ListState::after_dot) fail(f.dot, "misplaced '.'");
     if (building()) {
       // Bottom-up from the end, so every cons is made over canonical children.
-      Sexp list = f.state == ListState::tail ? items.back() : m_->nil();
-      if (f.state == ListState::tail) items.pop_back();
-      while (items.size() > f.first) {
-        list = m_->sh_cons(items.back(), list);
-        items.pop_back();
-      }
+      if (f.state != ListState::tail) push(nil_node());
+      while (items.size() > f.first + 1) cons_top(false);
       if (scheme && (f.kind == FrameKind::vector || f.kind == FrameKind::bytevector)) {
-        list = m_->sh_cons(m_->sh_sym(m_->make_symbol(head_name(f.kind))), list);
+        push(ReaderAccess::symbol(*m_, m_->make_symbol(head_name(f.kind))));
+        cons_top(true);
       }
-      items.push_back(list);
     }
     frames_.pop_back();
   }
@@ -341,7 +444,7 @@ class Reader {
       if (v > (UINT64_MAX - digit) / 10) fail(begin, "invalid number after '#'");
       v = v * 10 + digit;
     }
-    if (building()) items.push_back(m_->sh_sym(v));
+    if (building()) push(ReaderAccess::symbol(*m_, v));
   }
 
   // `#x` and hex digits or `#b` and binary digits.
@@ -356,31 +459,48 @@ class Reader {
 
   void read_name(std::size_t begin, std::size_t end) {
     const char* const s = text_.data();
-    if (const void* nul = std::memchr(s + begin, '\0', end - begin)) {
-      fail(static_cast<std::size_t>(static_cast<const char*>(nul) - s), "NUL byte in name");
-    }
-    if (building()) {
-      name_.assign(s + begin, end - begin);
+    if constexpr (!Build) {
+      if (const void* nul = std::memchr(s + begin, '\0', end - begin)) {
+        fail(static_cast<std::size_t>(static_cast<const char*>(nul) - s), "NUL byte in name");
+      }
+    } else if (building()) {
       if (scheme && fold_case_) {
+        name_.assign(s + begin, end - begin);
         for (char& c : name_) {
           if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
         }
+        intern_name();
+      } else {  // interned straight from the text, which the checking pass found free of NUL
+        push(atom(s + begin, end - begin, false));
       }
-      intern_name();
     }
   }
 
   void intern_name() {
-    items.push_back(name_.empty() ? m_->nil() : m_->sh_sym(m_->make_symbol(name_.c_str())));
+    push(name_.empty() ? nil_node() : ReaderAccess::symbol(*m_, m_->make_symbol(name_.c_str())));
   }
 
   // ---- strings and |names| -------------------------------------------------------------
 
   // `"..."` opened at `begin`; returns the offset after the closing quote.
   std::size_t read_string(std::size_t begin) {
+    if (Build && building()) {  // a string without escapes is interned straight from the text
+      const char* const s = text_.data();
+      const std::size_t n = text_.size();
+      const void* found = std::memchr(s + begin + 1, '"', n - begin - 1);
+      const std::size_t close =  // the checking pass found the string closed
+          static_cast<std::size_t>(static_cast<const char*>(found) - s);
+      const bool plain = syntax.string_escapes == Escapes::doubled
+                             ? close + 1 == n || s[close + 1] != '"'
+                             : std::memchr(s + begin + 1, '\\', close - begin - 1) == nullptr;
+      if (plain) {
+        push(atom(s + begin + 1, close - begin - 1, true));
+        return close + 1;
+      }
+    }
     if (building()) name_.clear();
     const std::size_t end = read_quoted(begin, '"', syntax.string_escapes, "string");
-    if (building()) items.push_back(m_->sh_string(name_));
+    if (building()) push(ReaderAccess::string(*m_, name_));
     return end;
   }
 
@@ -635,6 +755,7 @@ class Reader {
     }
   }
 
+  bool hold_;              // the reader holds a reference on each of `items`
   bool in_name_ = false;    // reading a |name|, which may not hold NUL
   bool fold_case_ = false;  // scheme: #!fold-case seen (and no #!no-fold-case since)
   std::size_t muted_ = 0;   // open datum comments: nothing is built inside one
@@ -642,6 +763,7 @@ class Reader {
   std::string_view text_;
   std::vector<Frame> frames_;  // open lists, innermost last
   std::string name_;           // the name or string content being read
+  std::vector<RecentAtom> recent_;  // building: direct-mapped by the bytes' hash; made on first use
 };
 
 }  // namespace vorn::detail

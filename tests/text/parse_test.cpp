@@ -80,5 +80,45 @@ TEST(Text, MillionDeepAndMillionLongOnASmallStack) {
   });
 }
 
+// Atoms that repeat, near-repeat (same bytes as string and as name, shared prefixes, lengths
+// around the reader's short-atom limit) and collide in any small cache, read into one manager
+// in automatic-collection mode or not: the same nodes, ids and counts as making each atom in
+// text order and each list from its end by hand.
+TEST(Parse, RepeatedAtomsAreTheNodesMadeByHand) {
+  std::vector<std::pair<std::string, bool>> atoms;  // content, is a string
+  for (int i = 0; i < 3000; ++i) {
+    const std::string base = "n" + std::to_string(i * 7919 % 700);
+    atoms.emplace_back(i % 5 == 0 ? base + std::string(static_cast<std::size_t>(i % 23), 'z') : base,
+                       i % 3 == 0);
+  }
+  std::string text = "(";
+  for (const auto& [content, is_string] : atoms) text += (is_string ? '"' + content + '"' : content) + ' ';
+  text += ")";
+  for (const bool automatic : {false, true}) {
+    SexpManager read, made;
+    read.set_auto_collect(automatic);
+    made.set_auto_collect(automatic);
+    const Sexp r = parse(read, text);
+    std::vector<Sexp> items;
+    for (const auto& [content, is_string] : atoms)
+      items.push_back(is_string ? made.sh_string(content) : S(made, content.c_str()));
+    Sexp list = made.nil();
+    while (!items.empty()) {
+      list = made.sh_cons(items.back(), list);
+      items.pop_back();
+    }
+    EXPECT_EQ(to_text(r), to_text(list));
+    EXPECT_EQ(r.id(), list.id());
+    EXPECT_EQ(r.get()->refcount, list.get()->refcount);
+    EXPECT_EQ(I::next_id(read), I::next_id(made));
+    EXPECT_EQ(I::shared_size(read), I::shared_size(made));
+    EXPECT_EQ(I::name_count(read), I::name_count(made));
+    for (Sexp a = r, b = list; !a.is_symbol(); a = a.cdr(), b = b.cdr()) {
+      ASSERT_EQ(a.car().id(), b.car().id());
+      ASSERT_EQ(a.car().get()->refcount, b.car().get()->refcount);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace vorn

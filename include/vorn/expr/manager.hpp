@@ -21,6 +21,7 @@ namespace vorn {
 
 namespace detail {
 struct SexpManagerInternals;  // white-box access for the library's own tests
+struct ReaderAccess;          // the text reader's entry points (src/text/text_pass.hpp)
 }  // namespace detail
 
 /// Makes every node, stamps it with an id, interns symbol names and keeps one
@@ -200,35 +201,11 @@ class SexpManager {
   /// the children's counts end as the discarded node would have left them.
   Sexp sh_cons(const Sexp& car, const Sexp& cdr) {
     assert(!car.is_null() && !cdr.is_null() && "sh_cons of a null handle");
-    Sexp_* a = car.get();
-    Sexp_* d = cdr.get();
-    reserve_node();
-    const std::uint64_t h = detail::Shape::cons_hash(a, d);
-    Sexp_** found;
-    if (children_by_address(a, d)) {
-      found = shared_table.find_item(h, [a, d](const Sexp_* n) {
-        const bool same = n->is_symbol == 0 && n->car == a && n->cdr == d;
-        assert(same == detail::Shape::is_cons_of(n, a, d) &&
-               "children by address disagree with ids");
-        return same;
-      });
-    } else {
-      found = shared_table.find_item(
-          h, [a, d](const Sexp_* n) { return detail::Shape::is_cons_of(n, a, d); });
-    }
-    if (found != nullptr) return Sexp(*found);
-    return enter_cons(a, d, h);
+    return Sexp(shared_cons(car.get(), cdr.get()));
   }
 
   /// The canonical symbol of `value`; sh_sym(0) is nil. Made as sh_cons() is.
-  Sexp sh_sym(unsigned long value) {
-    reserve_node();
-    Sexp_** found = shared_table.find_item(
-        detail::Shape::symbol_hash(value),
-        [value](const Sexp_* n) { return detail::Shape::is_symbol_of(n, value); });
-    if (found != nullptr) return Sexp(*found);
-    return enter_symbol(value);
-  }
+  Sexp sh_sym(unsigned long value) { return Sexp(shared_symbol(value)); }
 
   // ---- collection ------------------------------------------------------------------
 
@@ -275,6 +252,12 @@ class SexpManager {
  private:
   friend void detail::reclaim(Sexp_*) noexcept;
   friend struct detail::SexpManagerInternals;
+  friend struct detail::ReaderAccess;
+
+  // make_symbol of a name the caller has measured and hashed: `len` bytes at `name`, none
+  // of them NUL (no terminator needed), `h` their hash<char*>. Every effect is make_symbol's
+  // on that name: the same look-up, one malloc(len + 1) for a new copy, the same insert.
+  unsigned long intern_symbol(const char* name, std::size_t len, std::uint64_t h);
 
   using SymbolTable = hsh::Hashtable<std::pair<const char*, unsigned long>,
                                      hsh::GetKey_pair<const char*, unsigned long>, const char*,
@@ -306,11 +289,41 @@ class SexpManager {
   }
   void collect_before_growth();
   void take_node_chunk();
+  // sh_cons and sh_sym but for the caller's reference: the canonical node, whose only new
+  // reference on a miss is the table's. The handle they return is taken after the node is
+  // in the table, as it always was, so every observable effect is the same.
+  Sexp_* shared_cons(Sexp_* a, Sexp_* d) {
+    reserve_node();
+    const std::uint64_t h = detail::Shape::cons_hash(a, d);
+    Sexp_** found;
+    if (children_by_address(a, d)) {
+      found = shared_table.find_item(h, [a, d](const Sexp_* n) {
+        const bool same = n->is_symbol == 0 && n->car == a && n->cdr == d;
+        assert(same == detail::Shape::is_cons_of(n, a, d) &&
+               "children by address disagree with ids");
+        return same;
+      });
+    } else {
+      found = shared_table.find_item(
+          h, [a, d](const Sexp_* n) { return detail::Shape::is_cons_of(n, a, d); });
+    }
+    if (found != nullptr) return *found;
+    return enter_cons(a, d, h);
+  }
+  Sexp_* shared_symbol(unsigned long value) {
+    reserve_node();
+    Sexp_** found = shared_table.find_item(
+        detail::Shape::symbol_hash(value),
+        [value](const Sexp_* n) { return detail::Shape::is_symbol_of(n, value); });
+    if (found != nullptr) return *found;
+    return enter_symbol(value);
+  }
+
   // The misses of sh_cons and sh_sym: make the node, enter it as canonical (its shape
-  // hashes to `h` and is absent from the table), return a handle on it.
-  Sexp enter_cons(Sexp_* car, Sexp_* cdr, std::uint64_t h);
-  Sexp enter_symbol(unsigned long value);
-  Sexp enter_canonical(Sexp_* fresh, std::uint64_t h);
+  // hashes to `h` and is absent from the table), return it (the table's reference only).
+  Sexp_* enter_cons(Sexp_* car, Sexp_* cdr, std::uint64_t h);
+  Sexp_* enter_symbol(unsigned long value);
+  Sexp_* enter_canonical(Sexp_* fresh, std::uint64_t h);
   // Records that a canonical cons may get (or has got) a child of another manager.
   void check_children(const Sexp_* cons) noexcept {
     if (cons->car->mgr != this || cons->cdr->mgr != this) child_ids_are_identities = false;

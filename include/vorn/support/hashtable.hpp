@@ -136,6 +136,16 @@ struct hash<char*> {
     length = static_cast<std::size_t>(p - s);
     return h;
   }
+
+  /// The hash of the `len` bytes at `s`, none of them NUL: what of() gives once they are
+  /// terminated.
+  static std::uint64_t of_bytes(const char* s, std::size_t len) noexcept {
+    std::uint64_t h = 0;
+    for (std::size_t i = 0; i < len; ++i) {
+      h = 5 * h + static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<signed char>(s[i])));
+    }
+    return h;
+  }
 };
 
 /// The number itself.
