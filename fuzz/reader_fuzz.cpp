@@ -28,9 +28,10 @@ namespace {
 using vorn::detail::Scan;
 
 // scan_first on the whole text, or nothing when it throws.
-std::optional<Scan> scan(std::string_view text, vorn::Dialect d, bool final) {
+std::optional<Scan> scan(std::string_view text, vorn::Dialect d, bool final,
+                         vorn::detail::SliceStart from = {}) {
   try {
-    return vorn::detail::scan_first(text, d, final);
+    return vorn::detail::scan_first(text, d, final, from);
   } catch (const vorn::ParseError&) {
     return std::nullopt;
   }
@@ -114,17 +115,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<vorn::Sexp> all;
   const std::optional<Scan> whole = scan(text, d, true);
   const bool every_byte = text.size() <= 512;  // chunks of one byte: quadratic rescans
-  // The stream reader is compared in the vorn and smtlib dialects. In the scheme one it
-  // still reads some texts apart from parse_all: #!fold-case lasts to the end of one call,
-  // which for the stream reader is one expression, and at a chunk boundary inside a
-  // character name (#\x3bb) or after a directive it may report another error or quote less.
-  const bool stream_alike = d != vorn::Dialect::scheme;
   try {
     all = vorn::parse_all(m, text, in);
   } catch (const vorn::ParseError& error) {
     CHECK(state() == before);
-    if (stream_alike && every_byte) check_stream(m, text, {}, in, {}, {}, &error);
-    if (stream_alike) check_stream(m, text, text, in, {}, {}, &error);
+    if (every_byte) check_stream(m, text, {}, in, {}, {}, &error);
+    check_stream(m, text, text, in, {}, {}, &error);
     // What scan_first accepts is a well-formed first expression, found before the error.
     if (whole && whole->kind == Scan::expression) {
       vorn::parse(m, text.substr(0, whole->end), in);
@@ -149,21 +145,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // only comments so far.
   CHECK(whole && (whole->kind == Scan::none) == all.empty() && whole->kind != Scan::incomplete);
   if (all.empty()) {
-    if (stream_alike && every_byte) check_stream(m, text, {}, in, all, {}, nullptr);
-    if (stream_alike) check_stream(m, text, text, in, all, {}, nullptr);
+    if (every_byte) check_stream(m, text, {}, in, all, {}, nullptr);
+    check_stream(m, text, text, in, all, {}, nullptr);
     return 0;
   }
   CHECK(vorn::parse(m, text.substr(0, whole->end), in) == all[0]);
   // Where each expression starts: scan_first after the end of the one before.
   std::vector<Position> starts;
   for (std::size_t from = 0; starts.size() < all.size();) {
-    const std::optional<Scan> next = scan(text.substr(from), d, true);
+    const std::optional<Scan> next = scan(text.substr(from), d, true, {from == 0, false});
     CHECK(next && next->kind == Scan::expression);
     starts.push_back(position_of(text, from + next->begin));
     from += next->end;
   }
-  if (stream_alike && every_byte) check_stream(m, text, {}, in, all, starts, nullptr);
-  if (stream_alike) check_stream(m, text, text, in, all, starts, nullptr);
+  if (every_byte) check_stream(m, text, {}, in, all, starts, nullptr);
+  check_stream(m, text, text, in, all, starts, nullptr);
   const std::size_t step = text.size() < 200 ? 1 : text.size() / 100;
   for (std::size_t cut = 0; cut <= text.size(); cut += step) {
     const std::optional<Scan> part = scan(text.substr(0, cut), d, false);

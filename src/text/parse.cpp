@@ -52,8 +52,17 @@ const char* opener(FrameKind kind) noexcept {
 namespace {
 
 template <Dialect D>
-Scan scan_in(std::string_view text, bool final) {
-  Reader<false, D, true> check(nullptr, text);
+Scan scan_in(std::string_view text, bool final, SliceStart from) {
+  Reader<false, D, true> check(nullptr, text, from.input_start, from.fold_case);
+  // Whether the word at `i` reaches the end of the text, so that more input would make it
+  // another word. A scheme character takes its first character whatever its bytes (`#\|`
+  // is one), and its name is the word after that: `#\|e` may become `#\|e4`.
+  const auto reaches_end = [&](std::size_t i) {
+    if (D == Dialect::scheme && text.compare(i, 2, "#\\") == 0 && i + 2 < text.size())
+      i += 2 + utf8_length(static_cast<unsigned char>(text[i + 2]));
+    while (i < text.size() && !ends_word(D, text[i])) ++i;
+    return i >= text.size();
+  };
   try {
     check.run();
   } catch (const ParseError&) {
@@ -61,25 +70,26 @@ Scan scan_in(std::string_view text, bool final) {
     // that reaches the end (`#tr`, a lone `.` that may begin `.y`), is one that more
     // input could mend.
     if (final) throw;
-    const auto reaches_end = [&](std::size_t i) {
-      while (i < text.size() && !ends_word(D, text[i])) ++i;
-      return i == text.size();
-    };
     if (reaches_end(check.error_at) || reaches_end(check.token))
-      return {Scan::incomplete, check.lead, text.size()};
+      return {Scan::incomplete, check.lead, text.size(), check.lead_fold_case, false};
     throw;
   }
   if (check.count == 0) {
-    if (!final && check.comment_at_end) return {Scan::incomplete, check.lead, text.size()};
-    return {Scan::none, text.size(), text.size()};
+    // A comment, or a scheme directive, that reaches the end may go on: `#!fold-case`
+    // may become `#!fold-caseX`, an error.
+    if (!final && (check.comment_at_end || (check.token < text.size() && reaches_end(check.token))))
+      return {Scan::incomplete, check.lead, text.size(), check.lead_fold_case, false};
+    return {Scan::none, text.size(), text.size(), check.fold_case(), check.fold_case()};
   }
   // A word that reaches the end might go on; so might an smtlib string (`""` is a quote)
   // and a scheme character (`#\(` is one, `#\(a` an error).
   if (!final && check.first_end == text.size() &&
       (!ends_word(D, text.back()) || (D == Dialect::smtlib && text.back() == '"') ||
        (D == Dialect::scheme && text.compare(check.token, 2, "#\\") == 0)))
-    return {Scan::incomplete, check.first_begin, text.size()};
-  return {Scan::expression, check.first_begin, check.first_end};
+    return {Scan::incomplete, check.first_begin, text.size(), check.lead_fold_case, false};
+  // The first expression began at the last top-level token, where `lead` was set.
+  return {Scan::expression, check.first_begin, check.first_end, check.lead_fold_case,
+          check.fold_case()};
 }
 
 template <Dialect D>
@@ -105,27 +115,28 @@ std::vector<Sexp> read_all(SexpManager& m, std::string_view text, Dialect dialec
 }
 
 template <Dialect D>
-Sexp build_in(SexpManager& m, std::string_view text) {
-  Reader<true, D> build(&m, text);
+Sexp build_in(SexpManager& m, std::string_view text, bool fold_case) {
+  // Not the start of the input: no expression begins like a script header anyway.
+  Reader<true, D> build(&m, text, false, fold_case);
   build.run();
   return build.take_items().front();
 }
 
 }  // namespace
 
-Sexp build_scanned(SexpManager& m, std::string_view text, Dialect dialect) {
+Sexp build_scanned(SexpManager& m, std::string_view text, Dialect dialect, bool fold_case) {
   switch (dialect) {
-    case Dialect::smtlib: return build_in<Dialect::smtlib>(m, text);
-    case Dialect::scheme: return build_in<Dialect::scheme>(m, text);
-    default: return build_in<Dialect::vorn>(m, text);
+    case Dialect::smtlib: return build_in<Dialect::smtlib>(m, text, fold_case);
+    case Dialect::scheme: return build_in<Dialect::scheme>(m, text, fold_case);
+    default: return build_in<Dialect::vorn>(m, text, fold_case);
   }
 }
 
-Scan scan_first(std::string_view text, Dialect dialect, bool final) {
+Scan scan_first(std::string_view text, Dialect dialect, bool final, SliceStart from) {
   switch (dialect) {
-    case Dialect::smtlib: return scan_in<Dialect::smtlib>(text, final);
-    case Dialect::scheme: return scan_in<Dialect::scheme>(text, final);
-    default: return scan_in<Dialect::vorn>(text, final);
+    case Dialect::smtlib: return scan_in<Dialect::smtlib>(text, final, from);
+    case Dialect::scheme: return scan_in<Dialect::scheme>(text, final, from);
+    default: return scan_in<Dialect::vorn>(text, final, from);
   }
 }
 

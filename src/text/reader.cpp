@@ -104,19 +104,23 @@ bool TextReader::next(Sexp& e) {
     const std::string_view text(buffer_.data() + begin_, end_ - begin_);
     detail::Scan scan{};
     try {
-      scan = detail::scan_first(text, options_.dialect, at_end_);
+      scan = detail::scan_first(text, options_.dialect, at_end_,
+                                {cursor_.offset == 0, fold_case_});
     } catch (const ParseError& x) {
       fail(in_stream(x, cursor_));
     }
     if (scan.kind == detail::Scan::expression) {
       const TextPosition at = advanced(cursor_, text.substr(0, scan.begin));
       const std::string_view slice = text.substr(scan.begin, scan.end - scan.begin);
-      e = detail::build_scanned(m_, slice, options_.dialect);  // checked by the scan
+      // Checked by the scan, and built in the fold-case state the scan found at its start.
+      e = detail::build_scanned(m_, slice, options_.dialect, scan.fold_case_at_begin);
+      fold_case_ = scan.fold_case_at_end;
       start_ = cursor_ = at;
       begin_ += scan.begin;
       consume(slice.size());
       return true;
     }
+    fold_case_ = scan.fold_case_at_begin;  // the state where what is consumed ends
     if (scan.kind == detail::Scan::none) {
       consume(text.size());
       if (at_end_) return false;

@@ -117,8 +117,17 @@ class Reader {
   static constexpr bool scheme = D == Dialect::scheme;
 
  public:
-  Reader(SexpManager* m, std::string_view text) noexcept
-      : hold_(m != nullptr && m->auto_collect()), m_(m), text_(text) {}
+  // `text_start`: the text is the start of the input, where a scheme script header may
+  // stand (false for a slice from further on). `fold_case`: scheme names are folded from
+  // the start, as after `#!fold-case` (the state an earlier slice of the input ended in).
+  Reader(SexpManager* m, std::string_view text, bool text_start = true,
+         bool fold_case = false) noexcept
+      : lead_fold_case(fold_case),
+        hold_(m != nullptr && m->auto_collect()),
+        text_start_(text_start),
+        fold_case_(fold_case),
+        m_(m),
+        text_(text) {}
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
   ~Reader() {
@@ -142,8 +151,9 @@ class Reader {
     const char* const s = text_.data();
     const std::size_t n = text_.size();
     std::size_t i = 0;
-    if constexpr (scheme) {  // a script header: `#!/...` or `#! ...` on the first line
-      if (n >= 3 && s[0] == '#' && s[1] == '!' && (s[2] == '/' || s[2] == ' ')) {
+    if constexpr (scheme) {  // a script header: `#!/...` or `#! ...` opening the input
+      if (text_start_ && n >= 3 && s[0] == '#' && s[1] == '!' &&
+          (s[2] == '/' || s[2] == ' ')) {
         i = skip_line(0);
       }
     }
@@ -155,7 +165,10 @@ class Reader {
       while (i < n && class_of(s[i]) == space) ++i;
       if (i == n) break;
       if constexpr (FirstOnly) {
-        if (frames_.empty()) lead = i;
+        if (frames_.empty()) {
+          lead = i;
+          lead_fold_case = fold_case_;
+        }
         token = i;
       }
       switch (class_of(s[i])) {
@@ -221,9 +234,14 @@ class Reader {
   // the end of the text.
   std::size_t first_end = 0;
   std::size_t lead = 0;
+  bool lead_fold_case;  // FirstOnly, scheme: whether names were folded at `lead`
   bool comment_at_end = false;
   std::size_t error_at = 0;  // the offset of the error thrown, if any
   std::size_t token = 0;     // FirstOnly: where the token read last (or being read) begins
+
+  // Scheme: whether names are folded where the pass stands (where it stopped, once run()
+  // has returned).
+  bool fold_case() const noexcept { return fold_case_; }
 
  private:
   static unsigned char class_of(char c) noexcept {
@@ -756,8 +774,9 @@ class Reader {
   }
 
   bool hold_;              // the reader holds a reference on each of `items`
+  bool text_start_;         // the text starts the input: a script header may open it
   bool in_name_ = false;    // reading a |name|, which may not hold NUL
-  bool fold_case_ = false;  // scheme: #!fold-case seen (and no #!no-fold-case since)
+  bool fold_case_;          // scheme: #!fold-case in force (from the start, or seen since)
   std::size_t muted_ = 0;   // open datum comments: nothing is built inside one
   SexpManager* m_;          // null in the checking pass
   std::string_view text_;

@@ -191,6 +191,56 @@ TEST(TextReader, ErrorsCarryStreamPositionsLeaveTheManagerAndStick) {
   }
 }
 
+// Scheme state that lasts across expressions (`#!fold-case`), forms whose reading depends
+// on bytes still to come (character names, directives) and a script header, which only
+// the start of the stream may hold: read whole, at every single cut and in one-byte
+// pieces, the stream gives what parse_all gives, nodes or error.
+TEST(TextReader, SchemeReadsLikeParseAllAtEveryCut) {
+  const char* const texts[] = {
+      "#!fold-case (A B)\nFOO ; c\n#!no-fold-case (BAR #!fold-case Baz) QUX #| x |# Zed",
+      "#!fold-case\n#| Note |#\nAbc",
+      "(a #\\x3bb #\\|e4 b)",
+      "(#\\space #\\( #\\xCE) \xCE\xBB",
+      "a #!no-fold-caseX b",
+      "#!/usr/bin/env vorn\n(A)",
+      "  #!/usr/bin/env vorn\n(A)",
+      "(a)\n#! /bin/sh\n",
+  };
+  const ReadOptions scheme{Dialect::scheme};
+  for (const std::string text : texts) {
+    SexpManager m;
+    std::vector<Sexp> want;
+    std::string error;
+    try {
+      want = parse_all(m, text, scheme);
+    } catch (const ParseError& x) {
+      error = x.what();
+    }
+    std::vector<std::vector<std::size_t>> cut_sets{{}};
+    for (std::size_t cut = 1; cut < text.size(); ++cut) {
+      cut_sets.emplace_back(1, cut);
+      cut_sets[0].push_back(cut);  // one-byte pieces
+    }
+    for (const auto& cuts : cut_sets) {
+      CutBuf buf(text, cuts);
+      std::istream in(&buf);
+      TextReader reader(m, in, scheme);
+      std::vector<Sexp> got;
+      std::string got_error;
+      try {
+        for (Sexp e; reader.next(e);) got.push_back(e);
+      } catch (const ParseError& x) {
+        got_error = x.what();
+      }
+      const std::size_t first = cuts.empty() ? 0 : cuts[0];
+      EXPECT_EQ(got_error, error) << text << " cut at " << first << " of " << cuts.size();
+      if (error.empty()) {
+        EXPECT_EQ(got, want) << text << " cut at " << first;
+      }
+    }
+  }
+}
+
 TEST(TextReader, OutOfMemoryLeavesTheReaderWhereItWas) {
   std::string text = "(a b) ; c\n(|x y| (a b) . z)\n(";  // the last one outgrows the first chunk
   for (int i = 0; i < 40000; ++i) text += " a";

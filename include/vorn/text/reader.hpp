@@ -88,6 +88,7 @@ class TextReader {
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
   bool at_end_ = false;  // the stream has no more bytes to give
+  bool fold_case_ = false;  // scheme: `#!fold-case` is in force at buffer_[begin_]
   TextPosition cursor_;
   TextPosition start_;
   std::unique_ptr<ParseError> error_;  // once set, the reader is finished
