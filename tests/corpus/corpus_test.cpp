@@ -11,7 +11,7 @@
 // the very same canonical node. A fresh manager per file, as a tool that opens one file has.
 //
 // The corpus is found under $VORN_KICAD_DIR (default /usr/share/kicad): footprints/**/
-// *.kicad_mod (Debian package kicad-footprints) and symbols/*.kicad_sym (kicad-symbols).
+// *.kicad_mod (Debian package kicad-footprints) and symbols/**/*.kicad_sym (kicad-symbols).
 // A missing footprint library fails the test when CI is "true" in the environment (the CI
 // script installs it) and skips it elsewhere; a missing symbol library always skips.
 // Sanitizer builds define VORN_CORPUS_STRIDE and read only every that-many-th file of the
@@ -30,7 +30,6 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include <sexp.h>
@@ -46,43 +45,23 @@ namespace fs = std::filesystem;
 
 // ---- the corpus -------------------------------------------------------------------------
 
-fs::path kicad_dir() {
-  const char* dir = std::getenv("VORN_KICAD_DIR");
-  return dir != nullptr && *dir != '\0' ? fs::path(dir) : fs::path("/usr/share/kicad");
-}
-
-bool running_in_ci() {
-  const char* ci = std::getenv("CI");
-  return ci != nullptr && std::strcmp(ci, "true") == 0;
-}
-
 std::size_t stride() {
   const char* s = std::getenv("VORN_CORPUS_STRIDE");
-  if (s != nullptr && *s != '\0') {
-    const long n = std::strtol(s, nullptr, 10);
-    if (n > 0) return static_cast<std::size_t>(n);
-  }
-  return VORN_CORPUS_STRIDE;
+  const long n = s != nullptr ? std::strtol(s, nullptr, 10) : 0;
+  return n > 0 ? static_cast<std::size_t>(n) : VORN_CORPUS_STRIDE;
 }
 
 // The files under `dir` whose names end in `ext`, sorted by path, then every stride()-th.
-std::vector<fs::path> corpus_files(const fs::path& dir, const std::string& ext, bool recursive) {
-  std::vector<fs::path> all;
-  auto take = [&](const fs::directory_entry& entry) {
+std::vector<fs::path> corpus_files(const fs::path& dir, const std::string& ext) {
+  std::vector<fs::path> all, sample;
+  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
     const std::string name = entry.path().filename().string();
     if (entry.is_regular_file() && name.size() > ext.size() &&
         name.compare(name.size() - ext.size(), ext.size(), ext) == 0)
       all.push_back(entry.path());
-  };
-  if (recursive) {
-    for (const auto& entry : fs::recursive_directory_iterator(dir)) take(entry);
-  } else {
-    for (const auto& entry : fs::directory_iterator(dir)) take(entry);
   }
   std::sort(all.begin(), all.end());
-  std::vector<fs::path> sample;
-  const std::size_t step = stride();
-  for (std::size_t i = 0; i < all.size(); i += step) sample.push_back(all[i]);
+  for (std::size_t i = 0; i < all.size(); i += stride()) sample.push_back(all[i]);
   return sample;
 }
 
@@ -95,32 +74,26 @@ std::string read_file(const fs::path& path) {
 
 // Every top-level expression of a text as sfsexp reads it, freed on destruction. sfsexp
 // does not write to the text it reads.
-class SfsexpForest {
- public:
+struct SfsexpForest {
   explicit SfsexpForest(const std::string& text) {
     char* s = const_cast<char*>(text.data());
     reset_sexp_errno();
     pcont_t* pc = init_continuation(s);
-    while (sexp_t* e = iparse_sexp(s, text.size(), pc)) exprs_.push_back(e);
+    while (sexp_t* e = iparse_sexp(s, text.size(), pc)) exprs.push_back(e);
     // The end of the text is reported as "incomplete"; an open list is not the end.
-    error_ = sexp_errno;
-    complete_ = (error_ == SEXP_ERR_OK || error_ == SEXP_ERR_INCOMPLETE) && pc->depth == 0;
+    error = sexp_errno;
+    complete = (error == SEXP_ERR_OK || error == SEXP_ERR_INCOMPLETE) && pc->depth == 0;
     destroy_continuation(pc);
   }
   ~SfsexpForest() {
-    for (sexp_t* e : exprs_) destroy_sexp(e);
+    for (sexp_t* e : exprs) destroy_sexp(e);
   }
   SfsexpForest(const SfsexpForest&) = delete;
   SfsexpForest& operator=(const SfsexpForest&) = delete;
 
-  bool complete() const { return complete_; }
-  int error() const { return static_cast<int>(error_); }
-  const std::vector<sexp_t*>& exprs() const { return exprs_; }
-
- private:
-  std::vector<sexp_t*> exprs_;
-  sexp_errcode_t error_ = SEXP_ERR_OK;
-  bool complete_ = false;
+  std::vector<sexp_t*> exprs;
+  sexp_errcode_t error = SEXP_ERR_OK;
+  bool complete = false;
 };
 
 // An atom's text; sfsexp counts the terminating NUL in val_used.
@@ -128,61 +101,21 @@ std::string_view atom_text(const sexp_t* e) {
   return std::string_view(e->val, e->val_used > 0 ? e->val_used - 1 : 0);
 }
 
-// The byte a vorn string escape `\x...` at `v[i]` (just after the backslash) stands for, and
-// the bytes it takes after the backslash; nothing when vorn rejects it.
-std::optional<std::pair<char, std::size_t>> vorn_escape(std::string_view v, std::size_t i) {
-  static constexpr std::string_view letters = "abfnrtv0";
-  static constexpr char bytes[] = {'\a', '\b', '\f', '\n', '\r', '\t', '\v', '\0'};
-  const char x = v[i];
-  if (x == '"' || x == '\\' || x == '|' || x == '/' || x == '\'') return std::make_pair(x, 1);
-  if (const std::size_t k = letters.find(x); k != std::string_view::npos)
-    return std::make_pair(bytes[k], 1);
-  auto hex = [](char c) -> int {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-  };
-  if (x == 'x' && i + 2 < v.size() && hex(v[i + 1]) >= 0 && hex(v[i + 2]) >= 0)
-    return std::make_pair(static_cast<char>(hex(v[i + 1]) * 16 + hex(v[i + 2])), 3);
-  return std::nullopt;
-}
-
-// Whether a double-quoted atom that sfsexp reports as `v` may be the string vorn read as `c`.
-// sfsexp turns `\"` into `"` and `\\` into `\` and keeps every other backslash with the byte
-// after it; vorn decodes its escapes (`\n` is a line feed). So sfsexp's `\n` comes from `\n`
-// (vorn: a line feed) or from `\\n` (vorn: backslash, n): the source is not recoverable from
-// `v`, and the contents agree when some source spelling gives `v` to sfsexp and `c` to vorn.
-// Without a backslash in `v` the only escape was `\"`, which both read alike: equal bytes.
+// Whether a double-quoted atom that sfsexp reports as `v` is the string vorn read as `c`.
+// sfsexp turns `\"` and `\\` into the byte and keeps `\n` as backslash, n; vorn decodes all
+// three. The corpus spells no other escape, so each backslash left in `v` is either vorn's
+// backslash (written `\\`) or, before an n, vorn's line feed (written `\n`): which one is
+// read off `c`. Any other escape makes the contents differ, and the file fail.
 bool same_string_content(std::string_view v, std::string_view c) {
-  if (v.find('\\') == std::string_view::npos) return v == c;
-  // A search over (position in v, position in c), each state visited once: no recursion.
-  const std::size_t width = c.size() + 1;
-  std::vector<char> seen((v.size() + 1) * width, 0);
-  std::vector<std::pair<std::size_t, std::size_t>> todo{{0, 0}};
-  auto go = [&](std::size_t i, std::size_t j) {
-    if (!seen[i * width + j]) {
-      seen[i * width + j] = 1;
-      todo.emplace_back(i, j);
-    }
-  };
-  while (!todo.empty()) {
-    const auto [i, j] = todo.back();
-    todo.pop_back();
-    if (i == v.size() && j == c.size()) return true;
-    if (i == v.size() || j == c.size()) continue;
-    if (v[i] != '\\') {
-      if (v[i] == c[j]) go(i + 1, j + 1);  // a plain byte, or `\"`
-      continue;
-    }
-    if (c[j] == '\\') go(i + 1, j + 1);  // written `\\`
-    // written `\x...`, kept whole by sfsexp (it drops the backslash of `\"` and `\\` only)
-    if (i + 1 < v.size() && v[i + 1] != '"' && v[i + 1] != '\\') {
-      if (const auto esc = vorn_escape(v, i + 1); esc && esc->first == c[j])
-        go(i + 1 + esc->second, j + 1);
+  std::size_t i = 0, j = 0;
+  for (; i < v.size() && j < c.size(); ++i, ++j) {
+    if (v[i] == '\\' && c[j] == '\n' && i + 1 < v.size() && v[i + 1] == 'n') {
+      ++i;
+    } else if (v[i] != c[j]) {
+      return false;
     }
   }
-  return false;
+  return i == v.size() && j == c.size();
 }
 
 // ---- comparing the two readings ---------------------------------------------------------
@@ -213,9 +146,12 @@ std::string describe(const sexp_t* e) {
   if (e->ty == SEXP_LIST) return e->list == nullptr ? "an empty list" : "a list";
   const std::string text = shown(atom_text(e));
   switch (e->aty) {
-    case SEXP_DQUOTE: return "the quoted atom \"" + text + "\"";
-    case SEXP_SQUOTE: return "the quote-prefixed atom '" + text;
-    default: return "the atom " + text;
+    case SEXP_DQUOTE:
+      return "the quoted atom \"" + text + "\"";
+    case SEXP_SQUOTE:
+      return "the quote-prefixed atom '" + text;
+    default:
+      return "the atom " + text;
   }
 }
 
@@ -332,57 +268,63 @@ std::optional<std::string> check_file(const fs::path& path, Counts& counts) {
     vorn_error = error.what();
   }
   const SfsexpForest forest(text);
-  if (vorn_error || !forest.complete()) {
+  if (vorn_error || !forest.complete) {
     std::string why = vorn_error ? "vorn: " + *vorn_error : "vorn reads it";
-    why += forest.complete() ? "; sfsexp reads it"
-                             : "; sfsexp fails (sexp_errno " + std::to_string(forest.error()) + ")";
+    why += forest.complete ? "; sfsexp reads it"
+                           : "; sfsexp fails (sexp_errno " +
+                                 std::to_string(static_cast<int>(forest.error)) + ")";
     return why;
   }
   if (exprs.empty()) return std::string("no expression");
-  if (auto d = first_difference(m, exprs, forest.exprs(), counts)) return d;
+  if (auto d = first_difference(m, exprs, forest.exprs, counts)) return d;
   return first_round_trip_failure(m, exprs);
 }
 
 // ---- the tests --------------------------------------------------------------------------
 
-constexpr std::size_t kShownFailures = 20;
+struct Library {
+  const char* dir;  // under $VORN_KICAD_DIR
+  const char* ext;
+  const char* package;
+  bool required_in_ci;
+};
 
-void check_corpus(const std::string& what, const std::vector<fs::path>& files) {
+class Kicad : public ::testing::TestWithParam<Library> {};
+
+TEST_P(Kicad, ReadsAlikeAndRoundTrips) {
+  const Library& lib = GetParam();
+  const char* root = std::getenv("VORN_KICAD_DIR");
+  const fs::path dir =
+      fs::path(root != nullptr && *root != '\0' ? root : "/usr/share/kicad") / lib.dir;
+  if (!fs::is_directory(dir)) {
+    const char* ci = std::getenv("CI");
+    if (lib.required_in_ci && ci != nullptr && std::strcmp(ci, "true") == 0)
+      FAIL() << "missing at " << dir << " (" << lib.package << "; the CI script installs it)";
+    GTEST_SKIP() << "nothing at " << dir << " (apt-get install " << lib.package << ")";
+  }
+  constexpr std::size_t kShownFailures = 20;
   Counts counts;
   std::size_t failures = 0;
   std::ostringstream report;
-  for (const fs::path& path : files) {
+  for (const fs::path& path : corpus_files(dir, lib.ext)) {
     if (const auto why = check_file(path, counts)) {
       if (++failures <= kShownFailures) report << "  " << path.string() << ": " << *why << "\n";
     }
   }
-  if (failures > kShownFailures)
-    report << "  ... and " << failures - kShownFailures << " more\n";
-  std::cout << what << ": " << counts.files << " files (every " << stride() << "), "
+  if (failures > kShownFailures) report << "  ... and " << failures - kShownFailures << " more\n";
+  std::cout << lib.dir << ": " << counts.files << " files (every " << stride() << "), "
             << counts.bytes << " bytes, " << counts.elements << " elements, " << counts.strings
             << " strings, " << failures << " failing\n";
-  EXPECT_GT(counts.files, 0u) << "no " << what << " file found";
+  EXPECT_GT(counts.files, 0u) << "no " << lib.ext << " file under " << dir;
   EXPECT_EQ(failures, 0u) << "files where vorn and sfsexp disagree or a round trip fails:\n"
                           << report.str();
 }
 
-TEST(Kicad, FootprintsReadAlikeAndRoundTrip) {
-  const fs::path dir = kicad_dir() / "footprints";
-  if (!fs::is_directory(dir)) {
-    if (running_in_ci())
-      FAIL() << "the KiCad footprint library is missing at " << dir
-             << " (Debian package kicad-footprints; the CI script installs it)";
-    GTEST_SKIP() << "no KiCad footprint library at " << dir << " (apt-get install kicad-footprints)";
-  }
-  check_corpus("footprints", corpus_files(dir, ".kicad_mod", true));
-}
-
-TEST(Kicad, SymbolsReadAlikeAndRoundTrip) {
-  const fs::path dir = kicad_dir() / "symbols";
-  if (!fs::is_directory(dir))
-    GTEST_SKIP() << "no KiCad symbol library at " << dir << " (apt-get install kicad-symbols)";
-  check_corpus("symbols", corpus_files(dir, ".kicad_sym", false));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Libraries, Kicad,
+    ::testing::Values(Library{"footprints", ".kicad_mod", "kicad-footprints", true},
+                      Library{"symbols", ".kicad_sym", "kicad-symbols", false}),
+    [](const auto& info) { return std::string(info.param.dir); });
 
 // sfsexp keeps the elements it frees for reuse, process-wide; give them back at exit so the
 // leak checker sees a clean heap.
@@ -390,6 +332,7 @@ class SfsexpCleanup : public ::testing::Environment {
  public:
   void TearDown() override { sexp_cleanup(); }
 };
-[[maybe_unused]] const auto* const sfsexp_cleanup = ::testing::AddGlobalTestEnvironment(new SfsexpCleanup);
+[[maybe_unused]] const auto* const sfsexp_cleanup =
+    ::testing::AddGlobalTestEnvironment(new SfsexpCleanup);
 
 }  // namespace
