@@ -67,9 +67,9 @@ std::optional<std::size_t> heap_in_use() {
 
 namespace {
 
-std::string format(const char* spec, double value) {
+std::string format(const char* printf_format, double value) {
   char text[64];
-  std::snprintf(text, sizeof text, spec, value);
+  std::snprintf(text, sizeof text, printf_format, value);
   return text;
 }
 
@@ -83,9 +83,9 @@ std::string bytes_text(std::uint64_t bytes) {
 }
 
 std::vector<std::string> cells(const StatsRow& r) {
-  const auto ratio = [](std::uint64_t a, std::uint64_t b, const char* spec) {
+  const auto ratio = [](std::uint64_t a, std::uint64_t b, const char* printf_format) {
     return b == 0 ? std::string("-")
-                  : format(spec, static_cast<double>(a) / static_cast<double>(b));
+                  : format(printf_format, static_cast<double>(a) / static_cast<double>(b));
   };
   const double ms = r.seconds * 1000;
   return {r.name,
