@@ -51,8 +51,12 @@ TEST(MemoryPool, ChunkLayoutGrowthCapAndMallocFailure) {
   }
 }
 
+// A key is its own hash, so that the tests can say which keys share a bucket.
+struct IdentityHash {
+  std::uint64_t operator()(unsigned long v) const noexcept { return v; }
+};
 using Table = hsh::Hashtable<unsigned long, hsh::GetKey_identity<unsigned long>, unsigned long,
-                             std::hash<unsigned long>, std::equal_to<unsigned long>>;
+                             IdentityHash, std::equal_to<unsigned long>>;
 using Keys = std::vector<unsigned long>;
 
 // Keys in bucket `i`, head to tail.
