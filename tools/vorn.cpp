@@ -45,14 +45,10 @@ constexpr std::uint64_t kDefaultMaxSteps = 1000000;
 // entries) waits for collection, and each collection is paid for by the nodes made since.
 constexpr std::uint64_t kCollectEvery = std::uint64_t{1} << 17;
 
-const char* const kMainHelp = R"(usage: vorn COMMAND [OPTION...] [OPERAND...]
-
-Commands:
-  print EXPR... | -f FILE...      the diagnostic text of each expression
-  match PATTERN EXPR              whether EXPR matches PATTERN, and the bindings
-  rewrite [RULES-FILE] [TERM...]  rewrite terms to normal form with rules
-  stats FILE...                   what files cost as trees and as canonical nodes
-
+// What `vorn --help` says before and after the list of commands, which comes from the table
+// of commands (kCommands).
+const char* const kMainUsage = "usage: vorn COMMAND [OPTION...] [OPERAND...]\n";
+const char* const kMainHelpEnd = R"(
 Options:
   --dialect NAME  (every command) read text, and write results, in dialect NAME: vorn
                   (the default), smtlib or scheme
@@ -154,10 +150,12 @@ struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// A command line vorn does not accept; reported with the usage of `command`.
+// A command line vorn does not accept; reported with the usage lines of `help`, the text
+// up to its first blank line.
 struct Usage : std::runtime_error {
-  Usage(const std::string& message, const char* help) : std::runtime_error(message), help(help) {}
-  const char* help;
+  Usage(const std::string& message, std::string help)
+      : std::runtime_error(message), help(std::move(help)) {}
+  std::string help;
 };
 
 // The dialects by name: all the command knows of them, since reading, positions and
@@ -167,11 +165,11 @@ constexpr std::pair<const char*, vorn::Dialect> kDialects[] = {{"vorn", vorn::Di
                                                                {"smtlib", vorn::Dialect::smtlib},
                                                                {"scheme", vorn::Dialect::scheme}};
 
-vorn::Dialect dialect_named(const std::string& name, const char* help) {
+vorn::Dialect dialect_named(const std::string& name) {
   for (const auto& [known, dialect] : kDialects) {
     if (name == known) return dialect;
   }
-  throw Usage("--dialect needs vorn, smtlib or scheme, not '" + name + "'", help);
+  throw std::invalid_argument("--dialect needs vorn, smtlib or scheme, not '" + name + "'");
 }
 
 // Where expressions come from.
@@ -313,52 +311,67 @@ void load_rules(SexpManager& m, vorn::tool::Rewriter& rewriter, const Input& inp
   }
 }
 
-// Which options a command takes besides --help and --dialect.
-enum class Takes { nothing, files, rewriting };
+// One option of a command: its names, whether it takes a value, and what it does. A value is
+// the next argument or, after a long name, follows '=' (--dialect=smtlib).
+struct Option {
+  const char* name;   // "--dialect", "-f"
+  const char* alias;  // another name for it, or nullptr
+  bool takes_value;
+  // Records the option in `o`; throws std::invalid_argument, with the message for the user,
+  // for a value the option does not take.
+  void (*apply)(Options& o, const std::string& value);
+};
 
-Options parse_options(const std::vector<std::string>& args, Takes takes, const char* help) {
+// A command: its line in `vorn --help`, the options it takes, its help and what runs it.
+struct Command {
+  const char* name;
+  const char* operands;  // as `vorn --help` shows them
+  const char* summary;   // what `vorn --help` says of it
+  std::vector<Option> options;
+  const char* help;  // `vorn NAME --help`; its usage lines come first, then a blank line
+  int (*run)(const Options&);
+};
+
+// Reads a command's arguments: an argument that is not an option (among them "-", standard
+// input, and every argument after "--") is an operand, kept in order; --help and -h ask for
+// the command's help; any other option must be one of the command's.
+Options parse_options(const Command& command, const std::vector<std::string>& args) {
   Options o;
   bool options_end = false;
-  // The value of the option at args[i], given as "OPTION=VALUE" (long options) or as the
-  // next argument.
-  const auto value = [&](std::size_t& i, const std::string& option) {
-    const std::string& a = args[i];
-    if (a.size() > option.size()) return a.substr(option.size() + 1);
-    if (i + 1 == args.size()) throw Usage(option + " needs a value", help);
-    return args[++i];
-  };
-  const auto is = [](const std::string& a, const std::string& option) {
-    return a == option || (option[1] == '-' && a.rfind(option + "=", 0) == 0);
-  };
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     if (options_end || a.size() < 2 || a[0] != '-') {
       o.operands.push_back(a);
-    } else if (a == "--") {
-      options_end = true;
-    } else if (a == "--help" || a == "-h") {
-      o.help = true;
-    } else if (is(a, "--dialect")) {
-      o.dialect = dialect_named(value(i, "--dialect"), help);
-    } else if (takes != Takes::nothing && (is(a, "-f") || is(a, "--file"))) {
-      o.files.emplace_back(o.operands.size(), value(i, a[1] == 'f' ? "-f" : "--file"));
-    } else if (takes == Takes::rewriting &&
-               (a == "--builtin" || a == "--trace" || a == "--stats")) {
-      (a == "--builtin" ? o.builtin : a == "--trace" ? o.trace : o.stats) = true;
-    } else if (takes == Takes::rewriting &&
-               (a == "--max-steps" || a.rfind("--max-steps=", 0) == 0)) {
-      std::string n;
-      if (a.size() > 11)
-        n = a.substr(12);
-      else if (i + 1 < args.size())
-        n = args[++i];
-      errno = 0;
-      o.max_steps = std::strtoull(n.c_str(), nullptr, 10);
-      if (n.empty() || n.find_first_not_of("0123456789") != std::string::npos || errno != 0) {
-        throw Usage("--max-steps needs a whole number, not '" + n + "'", help);
+      continue;
+    }
+    if (a == "--" || a == "--help" || a == "-h") {
+      (a == "--" ? options_end : o.help) = true;
+      continue;
+    }
+    const Option* option = nullptr;
+    std::string name;  // as given; the value, if any, follows its '='
+    for (const Option& candidate : command.options) {
+      for (const char* spelling : {candidate.name, candidate.alias}) {
+        if (spelling == nullptr || a.rfind(spelling, 0) != 0) continue;
+        const std::size_t n = std::strlen(spelling);
+        if (a.size() == n || (candidate.takes_value && spelling[1] == '-' && a[n] == '=')) {
+          option = &candidate;
+          name = spelling;
+        }
       }
-    } else {
-      throw Usage("unknown option '" + a + "'", help);
+    }
+    if (option == nullptr) throw Usage("unknown option '" + a + "'", command.help);
+    std::string value;
+    if (a.size() > name.size()) {
+      value = a.substr(name.size() + 1);
+    } else if (option->takes_value) {
+      if (i + 1 == args.size()) throw Usage(name + " needs a value", command.help);
+      value = args[++i];
+    }
+    try {
+      option->apply(o, value);
+    } catch (const std::invalid_argument& e) {
+      throw Usage(e.what(), command.help);
     }
   }
   return o;
@@ -532,32 +545,66 @@ int stats_command(const Options& o) {
   return flushed(0);
 }
 
+// The options more than one command takes.
+constexpr Option kDialectOption{
+    "--dialect", nullptr, true,
+    [](Options& o, const std::string& name) { o.dialect = dialect_named(name); }};
+constexpr Option kFileOption{"-f", "--file", true, [](Options& o, const std::string& path) {
+                               o.files.emplace_back(o.operands.size(), path);
+                             }};
+
+// Every command, in the order `vorn --help` lists them, each with the options it takes
+// besides --help.
+// clang-format off
+const Command kCommands[] = {
+    {"print", "EXPR... | -f FILE...", "the diagnostic text of each expression",
+     {kDialectOption, kFileOption}, kPrintHelp, print_command},
+    {"match", "PATTERN EXPR", "whether EXPR matches PATTERN, and the bindings",
+     {kDialectOption, kFileOption}, kMatchHelp, match_command},
+    {"rewrite", "[RULES-FILE] [TERM...]", "rewrite terms to normal form with rules",
+     {kDialectOption, kFileOption,
+      {"--builtin", nullptr, false, [](Options& o, const std::string&) { o.builtin = true; }},
+      {"--trace", nullptr, false, [](Options& o, const std::string&) { o.trace = true; }},
+      {"--stats", nullptr, false, [](Options& o, const std::string&) { o.stats = true; }},
+      {"--max-steps", nullptr, true,
+       [](Options& o, const std::string& n) {
+         errno = 0;
+         o.max_steps = std::strtoull(n.c_str(), nullptr, 10);
+         if (n.empty() || n.find_first_not_of("0123456789") != std::string::npos || errno != 0)
+           throw std::invalid_argument("--max-steps needs a whole number, not '" + n + "'");
+       }}},
+     kRewriteHelp, rewrite_command},
+    {"stats", "FILE...", "what files cost as trees and as canonical nodes", {kDialectOption},
+     kStatsHelp, stats_command},
+};
+// clang-format on
+
+// `vorn --help`: the usage line, the commands with their operands, then the options.
+std::string main_help() {
+  std::string text = std::string(kMainUsage) + "\nCommands:\n";
+  for (const Command& c : kCommands) {
+    std::string line = std::string("  ") + c.name + " " + c.operands + "  ";
+    if (line.size() < 34) line.resize(34, ' ');
+    text += line + c.summary + "\n";
+  }
+  return text + kMainHelpEnd;
+}
+
 int run(const std::vector<std::string>& args) {
-  const std::string command = args.empty() ? "" : args[0];
+  const std::string name = args.empty() ? "" : args[0];
   const std::vector<std::string> rest(args.begin() + (args.empty() ? 0 : 1), args.end());
-  struct Command {
-    const char* name;
-    const char* help;
-    Takes takes;
-    int (*run)(const Options&);
-  };
-  static const Command commands[] = {{"print", kPrintHelp, Takes::files, print_command},
-                                     {"match", kMatchHelp, Takes::files, match_command},
-                                     {"rewrite", kRewriteHelp, Takes::rewriting, rewrite_command},
-                                     {"stats", kStatsHelp, Takes::nothing, stats_command}};
-  for (const Command& c : commands) {
-    if (command != c.name) continue;
-    const Options o = parse_options(rest, c.takes, c.help);
+  for (const Command& c : kCommands) {
+    if (name != c.name) continue;
+    const Options o = parse_options(c, rest);
     if (!o.help) return c.run(o);
     std::cout << c.help;
     return flushed(0);
   }
-  if (command == "--help" || command == "-h") {
-    std::cout << kMainHelp;
+  if (name == "--help" || name == "-h") {
+    std::cout << main_help();
     return flushed(0);
   }
-  throw Usage(command.empty() ? "no command given" : "unknown command '" + command + "'",
-              kMainHelp);
+  throw Usage(name.empty() ? "no command given" : "unknown command '" + name + "'", main_help());
 }
 
 }  // namespace

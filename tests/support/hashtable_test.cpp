@@ -9,8 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "support/malloc_probe.hpp"
-
 namespace vorn::hsh {
 namespace {
 
@@ -83,45 +81,6 @@ TEST(Hashtable, GrowthChain) {
   // Call k finds k elements up to call 22 and k - 1 after it.
   EXPECT_EQ(growths, (decltype(growths){{22, 73}, {53, 151}, {107, 313}, {221, 643}, {452, 1291}}));
   for (unsigned long k = 0; k <= 452; ++k) ASSERT_EQ(t.find(1000 + k) == t.end(), k == 22) << k;
-}
-
-// A growth that counts while it hashes sees every element once, and its old bucket array
-// takes the elements back without allocating; chains end as a rehash to that count leaves
-// them (3, 2266 and 76 share bucket 3 under 73 buckets).
-TEST(Hashtable, CountingGrowthAndReturn) {
-  Table t, plain;
-  const Keys keys{3, 2266, 10, 76, 5, 41};
-  for (unsigned long k : keys) t.insert(k), plain.insert(k);
-  t.rehash(73), plain.rehash(73);
-  Table::BucketArray old;
-  EXPECT_EQ(t.rehash_counting(74, [](unsigned long k) { return k % 2 == 0; }, old), 3u);
-  EXPECT_EQ(std::make_pair(t.bucket_count(), old.size()), std::make_pair(151ul, 73ul));
-  EXPECT_EQ(t.rehash_counting(151, [](unsigned long) { return true; }, old), 0u);  // no growth
-  plain.rehash(151);
-  ASSERT_EQ(Chain(t, 3), Chain(plain, 3));
-  test::MallocProbe probe;
-  t.return_to(old);
-  EXPECT_EQ(probe.calls(), 0u);
-  EXPECT_EQ(std::make_pair(t.bucket_count(), t.size()), std::make_pair(73ul, keys.size()));
-  EXPECT_EQ(Chain(t, 3), (Keys{76, 3, 2266}));  // the walk of 151 buckets meets 2266, 3, 76
-  for (unsigned long k : keys) EXPECT_TRUE(t.find(k) != t.end()) << k;
-  EXPECT_EQ(t.growth_point(), detail::growth_threshold(73));
-}
-
-// clear() returns the nodes bucket by bucket, head to tail; later inserts take them back
-// last-returned first, and malloc only once they run out.
-TEST(Hashtable, ClearKeepsBucketsAndReusesNodes) {
-  Table t;
-  std::vector<const Table::Bucket*> nodes;
-  for (unsigned long k = 0; k < 48; ++k) nodes.push_back(t.insert(k).first.node);
-  t.clear();  // 73 buckets; the 48 nodes fill the 16- and 32-slot chunks
-  EXPECT_EQ(std::make_pair(t.bucket_count(), t.size()), std::make_pair(73ul, 0ul));
-  test::MallocProbe probe;
-  for (unsigned long k = 0; k < 48; ++k) ASSERT_EQ(t.insert(100 + k).first.node, nodes[47 - k]);
-  t.insert(200);
-  ASSERT_EQ(probe.calls(), 1u);
-  EXPECT_EQ(probe.size(0), 8 + 64 * sizeof(Table::Bucket));
-  EXPECT_TRUE(Chain(t, 5).empty());  // no stale chains left by clear()
 }
 
 // h = 5h + c over signed bytes, modulo 2^64; the single pass that hashes a name also measures it.

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "support/internals.hpp"
-#include "support/malloc_probe.hpp"
 
 namespace vorn {
 namespace {
@@ -238,33 +237,6 @@ TEST(TextReader, SchemeReadsLikeParseAllAtEveryCut) {
         EXPECT_EQ(got, want) << text << " cut at " << first;
       }
     }
-  }
-}
-
-TEST(TextReader, OutOfMemoryLeavesTheReaderWhereItWas) {
-  std::string text = "(a b) ; c\n(|x y| (a b) . z)\n(";  // the last one outgrows the first chunk
-  for (int i = 0; i < 40000; ++i) text += " a";
-  text += ")";
-  SexpManager m;
-  const std::vector<Sexp> want = parse_all(m, text);
-  for (std::size_t fail = 0, failures = 1; failures > 0; ++fail) {
-    std::istringstream in(text);
-    TextReader reader(m, in);
-    std::vector<Sexp> got;
-    got.reserve(want.size());
-    {
-      test::MallocProbe probe(true);
-      probe.fail_at(fail);
-      for (Sexp e;;) {
-        try {
-          if (!reader.next(e)) break;
-          got.push_back(e);
-        } catch (const std::bad_alloc&) {  // once: the next call goes on
-        }
-      }
-      failures = probe.failures();
-    }
-    EXPECT_TRUE(got == want) << "allocation " << fail << " failed";  // no 40000-cell printout
   }
 }
 

@@ -15,6 +15,7 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 // Scratch files of this process: the standard streams and the rules files.
@@ -71,6 +72,17 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
       {{"match", "-h"}, "", 0, StartsWith("usage: vorn"), ""},
       {{"frob"}, "", 2, "", StartsWith("vorn: ")},
       {{"rewrite", "--max-steps", "x"}, "", 2, "", StartsWith("vorn: ")},
+      // Each command takes its own options; --, --help and -h are every command's.
+      {{"--help"}, "", 0, HasSubstr("\n  rewrite [RULES-FILE] [TERM...]  rewrite terms to"), ""},
+      {{"rewrite", "--max-steps"}, "", 2, "",
+       StartsWith("vorn: --max-steps needs a value\nusage: vorn rewrite")},
+      {{"rewrite", "--trace=1", rules}, "", 2, "",
+       StartsWith("vorn: unknown option '--trace=1'\n")},
+      {{"stats", "-f", terms}, "", 2, "",
+       StartsWith("vorn: unknown option '-f'\nusage: vorn stats")},
+      {{"match", "--file=" + terms, "--", "-f"}, "", 2, "",
+       StartsWith("vorn: " + terms + ":3:3: expected one")},
+      {{"print", "--dialect=scheme", "--", "-h"}, "", 0, HasSubstr("|-h|"), ""},
       // Files and standard input through the stream reader, positions from it.
       {{"print", "-f", escape}, "", 2, "", "vorn: " + escape + ":2:7: unknown escape '\\q' in |name|\n"},
       {{"match", "--dialect=vorn", "(f ?a ?a)", "-f", terms}, "", 2, "",
