@@ -419,7 +419,8 @@ class Reader {
     std::uint64_t v = 0;
     for (std::size_t i = at + 1; text_[i] >= '0' && text_[i] <= '9'; ++i) {
       const auto digit = static_cast<std::uint64_t>(text_[i] - '0');
-      if (v > (UINT64_MAX - digit) / 10) fail(at, "label number too large (at most 18446744073709551615)");
+      if (v > (UINT64_MAX - digit) / 10)
+        fail(at, "label number too large (at most 18446744073709551615)");
       v = v * 10 + digit;
     }
     return v;
@@ -458,7 +459,10 @@ class Reader {
         if (building()) push(reinterpret_cast<Sexp_*>(static_cast<std::uintptr_t>(*state)));
       } else {
         const std::string label(label_text(at));
-        if (state == nullptr) fail(at, "undefined label '" + label + "' (no '" + label.substr(0, label.size() - 1) + "=' before it in this expression)");
+        if (state == nullptr) {
+          fail(at, "undefined label '" + label + "' (no '" + label.substr(0, label.size() - 1) +
+                       "=' before it in this expression)");
+        }
         if ((*state & 1) == 0) {
           fail(at, "'" + label + "' refers to the datum it stands in, labelled at " +
                        where(text_, (*state >> 1) - 1) +
