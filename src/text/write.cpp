@@ -151,7 +151,10 @@ class Writer {
 
  public:
   Writer(Out& out, const WriteOptions& options, detail::ConsLabels* labels) noexcept
-      : out_(out), options_(options), syntax_(detail::syntax_of(options.dialect)), labels_(labels) {}
+      : out_(out),
+        options_(options),
+        syntax_(detail::syntax_of(options.dialect)),
+        labels_(labels) {}
 
   void write(const Sexp_* root) {
     if (options_.pretty) {

@@ -211,7 +211,8 @@ const std::vector<Workload> workloads = {
       {fixed, [](World& w) { w.put(to_text(w.h[0], {Dialect::scheme, true, 30, 2, true})); }},
       {fixed,
        [](World& w) {
-         w.write([&](std::ostream& os) { write_text(os, w.h[0], {Dialect::vorn, true, 9, 1, true}); });
+         const WriteOptions narrow{Dialect::vorn, true, 9, 1, true};
+         w.write([&](std::ostream& os) { write_text(os, w.h[0], narrow); });
        }},
       {fixed,
        [](World& w) {

@@ -112,9 +112,11 @@ TEST(Labels, ReadWhereverADatumStandsEachTopLevelExpressionApart) {
   // clang-format off
   const std::tuple<Dialect, const char*, const char*> same[] = {  // second: read as vorn
       {V, "(#007=(a) #7# #0=b #0#)", "((a) (a) b b)"}, {V, "(#0=#1=(a) #1# . #0#)", "((a) (a) a)"},
-      {V, "(#0= ; c\n (a) . #0#)", "((a) a)"}, {V, "(#18446744073709551615=(z) #18446744073709551615#)", "((z) (z))"},
+      {V, "(#0= ; c\n (a) . #0#)", "((a) a)"},
+      {V, "(#18446744073709551615=(z) #18446744073709551615#)", "((z) (z))"},
       {L, "(#0=(b c) . #0#)", "((b c) b c)"}, {L, "(#1=(a) . #2=(#1#))", "((a) (a))"},
-      {C, "(#0=(a) '#0# #(#0#) #;#0=b [#1=#;x c . #1#])", "((a) (quote (a)) (|#vector| (a)) (c . c))"},
+      {C, "(#0=(a) '#0# #(#0#) #;#0=b [#1=#;x c . #1#])",
+          "((a) (quote (a)) (|#vector| (a)) (c . c))"},
   };
   // clang-format on
   SexpManager m;
@@ -131,19 +133,21 @@ TEST(Labels, ReadWhereverADatumStandsEachTopLevelExpressionApart) {
 
 TEST(Labels, ErrorsSayWhereAndLeaveNoTrace) {
   const std::string cycle = ": a cycle, which canonical nodes cannot hold";
+  const std::string lone = "a lone '.' is no symbol in this dialect (write |.|)";
   // clang-format off
   const std::tuple<Dialect, const char*, std::string> cases[] = {
       {V, "(#0=(a) #1#)", "1:9: undefined label '#1#' (no '#1=' before it in this expression)"},
       {V, "(#0=(a)) #0#", "1:10: undefined label '#0#' (no '#0=' before it in this expression)"},
       {V, "(#0=a\n #0=(b))", "2:2: label '#0=' defined twice (first at 1:2)"},
       {V, "#0=(a . #0#)", "1:9: '#0#' refers to the datum it stands in, labelled at 1:1" + cycle},
-      {V, "(#1=(#0=(a) #1#))", "1:13: '#1#' refers to the datum it stands in, labelled at 1:2" + cycle},
-      {V, "(#0= )", "1:6: expected a datum after '#0=' at 1:2"}, {V, "(a #0=", "1:7: expected a datum after '#0=' at 1:4"},
+      {V, "(#1=(#0=(a) #1#))",
+          "1:13: '#1#' refers to the datum it stands in, labelled at 1:2" + cycle},
+      {V, "(#0= )", "1:6: expected a datum after '#0=' at 1:2"},
+      {V, "(a #0=", "1:7: expected a datum after '#0=' at 1:4"},
       {V, "(#0=a #0#b)", "1:10: expected a delimiter after '#0#'"},
       {V, "#18446744073709551616=a", "1:1: label number too large (at most 18446744073709551615)"},
-      {L, "(#0=a . b)", "1:7: a lone '.' is no symbol in this dialect (write |.|)"},
-      {L, "(a . . #0#)", "1:4: a lone '.' is no symbol in this dialect (write |.|)"},
-      {L, "(#0=a . #0# b)", "1:7: misplaced '.'"}, {L, "(a . )", "1:4: a lone '.' is no symbol in this dialect (write |.|)"},
+      {L, "(#0=a . b)", "1:7: " + lone}, {L, "(a . . #0#)", "1:4: " + lone},
+      {L, "(a . )", "1:4: " + lone}, {L, "(#0=a . #0# b)", "1:7: misplaced '.'"},
       {C, "(#;#0=(a) #0#)", "1:11: undefined label '#0#' (no '#0=' before it in this expression)"},
       {C, "'#0=(#0#)", "1:6: '#0#' refers to the datum it stands in, labelled at 1:2" + cycle},
   };
