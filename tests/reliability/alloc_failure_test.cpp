@@ -207,13 +207,7 @@ const std::vector<Workload> workloads = {
       {fixed, parse_error}}},
     {"Labels",
      {{building, [](World& w) { w.build(labelled()); }},
-      {fixed, [](World& w) { w.put(to_text(w.h[0], {Dialect::vorn, false, 80, 2, true})); }},
-      {fixed, [](World& w) { w.put(to_text(w.h[0], {Dialect::scheme, true, 30, 2, true})); }},
-      {fixed,
-       [](World& w) {
-         const WriteOptions narrow{Dialect::vorn, true, 9, 1, true};
-         w.write([&](std::ostream& os) { write_text(os, w.h[0], narrow); });
-       }},
+      {fixed, [](World& w) { w.put(to_text(w.h[0], {Dialect::scheme, true, 9, 1, true})); }},
       {fixed,
        [](World& w) {
          try {
