@@ -72,6 +72,7 @@ TEST(Labels, RandomDagsRoundTripInEveryDialect) {
   std::mt19937_64 rng(4242);
   for (const Dialect d : {V, L, C}) {
     SexpManager m;
+    m.set_auto_collect(d == C);  // reading, labelled nodes included, holds what it makes
     std::vector<Sexp> pool;
     for (const char* name : {"a", "quote", "#vector", "x y"})
       pool.push_back(m.sh_sym(m.make_symbol(name)));
