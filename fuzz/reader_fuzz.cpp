@@ -1,9 +1,10 @@
 // The reader on arbitrary bytes, in the dialect the first byte picks: it never crashes;
 // rejected text leaves the manager as it was; every expression it accepts is written back,
-// compact and pretty, and re-read to the same node; scan_first agrees with parse on the
-// whole text and on every prefix of it; TextReader, handed the text in chunks (one byte
-// each for small inputs, and sizes taken from the input), gives what parse_all gives:
-// the same nodes, starting where scan_first finds them, or the same error.
+// compact and pretty, plain and with datum labels, and re-read to the same node;
+// scan_first agrees with parse on the whole text and on every prefix of it; TextReader,
+// handed the text in chunks (one byte each for small inputs, and sizes taken from the
+// input), gives what parse_all gives: the same nodes, starting where scan_first finds
+// them, or the same error. The seeds named labels* hold datum labels, good and bad.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -105,6 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto d = static_cast<vorn::Dialect>(data[0] % 3);
   const vorn::ReadOptions in{d};
   const vorn::WriteOptions pretty{d, true, data[0] / 3u % 50u, data[0] / 150u};
+  vorn::WriteOptions shared = pretty;
+  shared.shared = true;
   vorn::SexpManager m;
   const std::string_view text(reinterpret_cast<const char*>(data) + 1, size - 1);
   const auto state = [&m] {
@@ -132,6 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const vorn::Sexp& e : all) {
     CHECK(vorn::parse(m, vorn::to_text(e, {d}), in) == e);
     CHECK(vorn::parse(m, vorn::to_text(e, pretty), in) == e);
+    CHECK(vorn::parse(m, vorn::to_text(e, {d, false, 80, 2, true}), in) == e);
+    CHECK(vorn::parse(m, vorn::to_text(e, shared), in) == e);
   }
   CHECK(vorn::parse_all(m, text, in) == all);
   try {  // parse takes exactly one expression

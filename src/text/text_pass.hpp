@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "../support/flat_map.hpp"
 #include "syntax.hpp"
 #include "vorn/expr/manager.hpp"
 #include "vorn/text/parse.hpp"
@@ -79,10 +80,11 @@ enum class ListState : unsigned char {
   tail,       // the expression after '.' begun: only ')' may follow it
 };
 
-// What is open. Kinds from `quote` on take exactly one datum and close by themselves.
+// What is open. Kinds from `quote` on take exactly one datum and close by themselves;
+// `label` (a datum label's definition, `#N=`) is the one of them every dialect has.
 enum class FrameKind : unsigned char {
   list, bracket_list, vector, bytevector,
-  quote, quasiquote, unquote, unquote_splicing, datum_comment,
+  quote, quasiquote, unquote, unquote_splicing, datum_comment, label,
 };
 
 struct Frame {
@@ -203,6 +205,12 @@ class Reader {
           i = open_prefix(i);
           break;
         case hash:
+          if (i + 1 < n && s[i + 1] >= '0' && s[i + 1] <= '9') {
+            if (const std::size_t end = read_label(i)) {
+              i = end;
+              break;
+            }
+          }
           if constexpr (scheme) {
             i = read_hash(i);
           } else {
@@ -215,7 +223,7 @@ class Reader {
     }
     if (!frames_.empty()) {
       const Frame& f = frames_.back();
-      if (scheme && f.kind >= FrameKind::quote) missing_datum(n, f);
+      if (f.kind >= FrameKind::quote) missing_datum(n, f);
       fail(n, "unterminated list opened at " + where(text_, f.open));
     }
   }
@@ -321,8 +329,9 @@ class Reader {
   }
 
   [[noreturn]] void missing_datum(std::size_t at, const Frame& f) {
-    fail(at, std::string("expected a datum after '") + opener(f.kind) + "' at " +
-                 where(text_, f.open));
+    const std::string what =
+        f.kind == FrameKind::label ? std::string(label_text(f.open)) : opener(f.kind);
+    fail(at, "expected a datum after '" + what + "' at " + where(text_, f.open));
   }
 
   std::size_t skip_line(std::size_t i) noexcept {
@@ -333,11 +342,12 @@ class Reader {
     return text_.size();
   }
 
-  // An expression (atom or list) begins at `at`.
-  void begin_item(std::size_t at) {
+  // An expression (atom or list) begins at `at`; `label`: with a datum label.
+  void begin_item(std::size_t at, bool label = false) {
     if (frames_.empty()) {
       if (++count == 1) first_begin = at;
       if (count == 2) second = at;
+      labels_.clear();  // a label is known within its top-level expression only
       return;
     }
     Frame& f = frames_.back();
@@ -348,6 +358,7 @@ class Reader {
       case ListState::items:
         break;
       case ListState::after_dot:
+        if (!syntax.dotted_tails && !label) fail(f.dot, lone_dot);
         f.state = ListState::tail;
         break;
       case ListState::tail:
@@ -357,11 +368,16 @@ class Reader {
 
   // An expression has just been read: close the one-datum frames it completes.
   void item_done() {
-    if constexpr (scheme) {
-      while (!frames_.empty() && frames_.back().kind >= FrameKind::quote &&
-             frames_.back().state == ListState::items) {
-        const FrameKind kind = frames_.back().kind;
-        frames_.pop_back();
+    while (!frames_.empty() && frames_.back().kind >= FrameKind::quote &&
+           frames_.back().state == ListState::items) {
+      const FrameKind kind = frames_.back().kind;
+      const std::size_t open = frames_.back().open;
+      frames_.pop_back();
+      if (kind == FrameKind::label) {
+        define_label(open);
+        continue;
+      }
+      if constexpr (scheme) {
         if (kind == FrameKind::datum_comment) {
           --muted_;
           return;  // the datum is dropped: nothing was completed for the enclosing frame
@@ -373,6 +389,99 @@ class Reader {
           cons_top(true);
         }
       }
+    }
+  }
+
+  // ---- datum labels --------------------------------------------------------------------
+  //
+  // `#N=` labels the datum after it and `#N#` stands for that datum, within one top-level
+  // expression. The checking pass keeps, per label, where it was defined and whether its
+  // datum is complete, and rejects a label defined twice, a reference to a label not
+  // defined before it, and a reference inside the datum it stands for (a cycle, which
+  // canonical nodes cannot hold). The building pass keeps, per label, its node. Both keep
+  // them in a FlatMap whose seed is the reader's own address, which whoever wrote the text
+  // cannot know. Labels inside a scheme datum comment are read and dropped with it.
+
+  static constexpr const char* lone_dot = "a lone '.' is no symbol in this dialect (write |.|)";
+
+  // Whether labels are kept where the pass stands (not inside a datum comment).
+  bool tracking() const noexcept { return !scheme || muted_ == 0; }
+
+  // The label `#N=` or `#N#` at `at`, as written.
+  std::string_view label_text(std::size_t at) const noexcept {
+    std::size_t end = at + 1;
+    while (text_[end] >= '0' && text_[end] <= '9') ++end;
+    return text_.substr(at, end + 1 - at);
+  }
+
+  // The number N of the label at `at`; fails when it is above 2^64 - 1.
+  std::uint64_t label_number(std::size_t at) {
+    std::uint64_t v = 0;
+    for (std::size_t i = at + 1; text_[i] >= '0' && text_[i] <= '9'; ++i) {
+      const auto digit = static_cast<std::uint64_t>(text_[i] - '0');
+      if (v > (UINT64_MAX - digit) / 10)
+        fail(at, "label number too large (at most 18446744073709551615)");
+      v = v * 10 + digit;
+    }
+    return v;
+  }
+
+  // `#N=` or `#N#` at `at` (a `#` and a digit): opens the labelled datum, or reads the
+  // datum labelled N. Returns the offset after it, or 0 when the digits are followed by
+  // neither, which is no label (a vorn `#7`, or what the dialect reports).
+  std::size_t read_label(std::size_t at) {
+    const char* const s = text_.data();
+    const std::size_t n = text_.size();
+    std::size_t end = at + 1;
+    while (end < n && s[end] >= '0' && s[end] <= '9') ++end;
+    if (end == n || (s[end] != '=' && s[end] != '#')) return 0;
+    const std::uint64_t number = label_number(at);
+    ++end;
+    if (s[end - 1] == '=') {
+      begin_item(at, true);
+      if (!Build && tracking()) {
+        std::uint64_t& state = labels_.at(number);  // (offset + 1) << 1, | 1 once complete
+        if (state != 0) {
+          fail(at, "label '" + std::string(label_text(at)) + "' defined twice (first at " +
+                       where(text_, (state >> 1) - 1) + ")");
+        }
+        state = std::uint64_t{at + 1} << 1;
+      }
+      frames_.push_back({at, 0, items.size(), ListState::no_items, FrameKind::label});
+      return end;
+    }
+    if (end < n && class_of(s[end]) < space)
+      fail(end, "expected a delimiter after '" + std::string(label_text(at)) + "'");
+    begin_item(at, true);
+    if (tracking()) {
+      std::uint64_t* state = labels_.find(number);
+      if constexpr (Build) {
+        if (building()) push(reinterpret_cast<Sexp_*>(static_cast<std::uintptr_t>(*state)));
+      } else {
+        const std::string label(label_text(at));
+        if (state == nullptr) {
+          fail(at, "undefined label '" + label + "' (no '" + label.substr(0, label.size() - 1) +
+                       "=' before it in this expression)");
+        }
+        if ((*state & 1) == 0) {
+          fail(at, "'" + label + "' refers to the datum it stands in, labelled at " +
+                       where(text_, (*state >> 1) - 1) +
+                       ": a cycle, which canonical nodes cannot hold");
+        }
+      }
+    }
+    item_done();
+    return end;
+  }
+
+  // The datum of the label opened at `open` is complete (and, building, the last item).
+  void define_label(std::size_t open) {
+    if (!tracking()) return;
+    const std::uint64_t number = label_number(open);
+    if constexpr (Build) {
+      if (building()) labels_.at(number) = reinterpret_cast<std::uintptr_t>(items.back());
+    } else {
+      *labels_.find(number) |= 1;
     }
   }
 
@@ -394,29 +503,35 @@ class Reader {
   // A lone '.': legal only after one element or more of an open list, and only once.
   // A dot that stands where none can is reported where it stands; once a list has its
   // dot, whatever goes wrong after it (no expression, or more than one) is reported at
-  // that dot.
+  // that dot. A dialect without dotted tails (smtlib) still takes a dot before a datum
+  // label, where the writer puts a shared tail: the dot is taken here, and whatever else
+  // follows it is reported at it as the lone dot it is.
   void read_dot(std::size_t at) {
-    if (!syntax.dotted_tails) fail(at, "a lone '.' is no symbol in this dialect (write |.|)");
     if (frames_.empty() || frames_.back().state == ListState::no_items ||
         frames_.back().kind > FrameKind::bracket_list)
-      fail(at, "misplaced '.'");
+      fail(at, syntax.dotted_tails ? "misplaced '.'" : lone_dot);
     Frame& f = frames_.back();
-    if (f.state != ListState::items) fail(f.dot, "misplaced '.'");
+    if (f.state != ListState::items) fail(f.dot, misplaced_dot(f));
     f.state = ListState::after_dot;
     f.dot = at;
+  }
+
+  // What is wrong with the dot of list `f`, when something other than its tail follows it.
+  static const char* misplaced_dot(const Frame& f) noexcept {
+    return !syntax.dotted_tails && f.state == ListState::after_dot ? lone_dot : "misplaced '.'";
   }
 
   void close_list(std::size_t at) {
     if (frames_.empty()) fail(at, std::string("unexpected '") + text_[at] + "'");
     const Frame& f = frames_.back();
+    if (f.kind >= FrameKind::quote) missing_datum(at, f);
     if constexpr (scheme) {
-      if (f.kind >= FrameKind::quote) missing_datum(at, f);
       if ((f.kind == FrameKind::bracket_list) != (text_[at] == ']')) {
         fail(at, std::string("'") + text_[at] + "' closes the '" + text_[f.open] +
                      "' opened at " + where(text_, f.open));
       }
     }
-    if (f.state == ListState::after_dot) fail(f.dot, "misplaced '.'");
+    if (f.state == ListState::after_dot) fail(f.dot, misplaced_dot(f));
     if (building()) {
       // Bottom-up from the end, so every cons is made over canonical children.
       if (f.state != ListState::tail) push(nil_node());
@@ -716,7 +831,7 @@ class Reader {
       item_done();
       return end;
     }
-    if (c >= '0' && c <= '9') fail(at, "datum labels (#n= and #n#) are not read");
+    if (c >= '0' && c <= '9') fail(at, "a datum label is '#N=' or '#N#'");
     fail(at, "unknown '#' syntax");
   }
 
@@ -783,6 +898,9 @@ class Reader {
   std::vector<Frame> frames_;  // open lists, innermost last
   std::string name_;           // the name or string content being read
   std::vector<RecentAtom> recent_;  // building: direct-mapped by the bytes' hash; made on first use
+  // The labels of the top-level expression being read: checking, (offset of `#N=` + 1) << 1,
+  // with bit 0 set once its datum is complete; building, the datum's node.
+  FlatMap labels_{static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(this))};
 };
 
 }  // namespace vorn::detail

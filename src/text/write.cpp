@@ -7,10 +7,12 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "../expr/open_marks.hpp"
 #include "../support/decimal.hpp"
+#include "cons_labels.hpp"
 #include "syntax.hpp"
 #include "vorn/expr/manager.hpp"
 
@@ -114,10 +116,45 @@ struct Shape {
   std::size_t line;    // pretty: the line the list opened on
 };
 
+// A list being written, plainly: `head` is its first cons, `at` the cons whose car was
+// written last. Every cons from `head` to `at` along the cdrs is open (see open_marks.hpp);
+// one reached again is a cycle. The marks are removed as the list closes.
+struct Frame {
+  const Sexp_* head;
+  const Sexp_* at;
+
+  void unmark() const noexcept {
+    for (const Sexp_* p = head;; p = p->cdr) {
+      detail::toggle_open(p);
+      if (p == at) break;
+    }
+  }
+};
+
+// A list being written with shared conses labelled: `at` is the cons whose car was written
+// last. Nothing is marked: a cons reached again is shared, and is written as its label.
+// `tail`: the list's cdr is a shared cons written for the first time, after " . ", as an
+// element of its own; the list ends when that element does.
+struct LabelledFrame {
+  const Sexp_* at;
+  bool tail;
+
+  void unmark() const noexcept {}
+};
+
+// Writes one expression. Shared: every cons that ConsLabels finds shared is written in
+// full once, after `#N=`, and as `#N#` wherever else it stands, a tail included (after a
+// dot). The plain writer (Shared false) is the one that writes `#cycle`.
+template <bool Shared>
 class Writer {
+  using Entry = std::conditional_t<Shared, LabelledFrame, Frame>;
+
  public:
-  Writer(Out& out, const WriteOptions& options) noexcept
-      : out_(out), options_(options), syntax_(detail::syntax_of(options.dialect)) {}
+  Writer(Out& out, const WriteOptions& options, detail::ConsLabels* labels) noexcept
+      : out_(out),
+        options_(options),
+        syntax_(detail::syntax_of(options.dialect)),
+        labels_(labels) {}
 
   void write(const Sexp_* root) {
     if (options_.pretty) {
@@ -128,20 +165,7 @@ class Writer {
   }
 
  private:
-  // A list being written: `head` is its first cons, `at` the cons whose car was written
-  // last. Every cons from `head` to `at` along the cdrs is open (see open_marks.hpp); one
-  // reached again is a cycle. The marks are removed as the list closes.
-  struct Frame {
-    const Sexp_* head;
-    const Sexp_* at;
-
-    void unmark() const noexcept {
-      for (const Sexp_* p = head;; p = p->cdr) {
-        detail::toggle_open(p);
-        if (p == at) break;
-      }
-    }
-  };
+  static constexpr std::uint64_t no_label = ~std::uint64_t{0};
 
   void symbol(Out& out, const Sexp_* n) {
     const std::uint64_t v = n->value;
@@ -172,9 +196,68 @@ class Writer {
     out.number(v);
   }
 
+  // An element that is not written as a list here: a symbol, a cycle (plain) or the label
+  // of a shared cons already written (shared).
+  void atom(Out& out, const Sexp_* n) {
+    if (n->is_symbol != 0) {
+      symbol(out, n);
+    } else if constexpr (Shared) {
+      out.put('#');
+      out.number(labels_->label(n));
+      out.put('#');
+    } else {
+      out.put("#cycle");
+    }
+  }
+
+  // Whether element `n` is written as a list where it stands: a cons that is not open
+  // (plain), or one not written yet (shared).
+  bool opens_list(const Sexp_* n) {
+    if (n->is_symbol != 0) return false;
+    if constexpr (Shared) {
+      return labels_->label(n) == no_label;
+    } else {
+      return !detail::is_open(n);
+    }
+  }
+
+  // Whether `next`, the cdr of the innermost list's last cons, goes on with the list: a
+  // cons that is not open (plain), or not shared (shared).
+  bool continues(const Sexp_* next) {
+    if (next->is_symbol != 0) return false;
+    if constexpr (Shared) {
+      return !labels_->shared(next);
+    } else {
+      return !detail::is_open(next);
+    }
+  }
+
+  // Whether cons `c` on the spine of a scheme form keeps the form from being written in its
+  // own syntax, which has no place for a dotted tail nor for a label inside the spine.
+  bool blocks_form(const Sexp_* c) {
+    if constexpr (Shared) {
+      return labels_->shared(c);
+    } else {
+      return detail::is_open(c);
+    }
+  }
+
+  // Shared: `#N=` before the first occurrence of a shared cons, which takes the next label.
+  // A trial's labels are noted, to be taken back if the trial is given up.
+  template <bool Limited>
+  void label_if_shared(Out& out, const Sexp_* n) {
+    if constexpr (Shared) {
+      if (!labels_->shared(n)) return;
+      if (Limited) trial_labels_.push_back(n);
+      out.put('#');
+      out.number(labels_->define(n));
+      out.put('=');
+    }
+  }
+
   // The way list `n` is written: in scheme, a proper list headed by a reserved symbol is
   // written in the syntax that reads as it.
-  Form form_of(const Sexp_* n) const noexcept {
+  Form form_of(const Sexp_* n) {
     if (options_.dialect != Dialect::scheme) return plain_list;
     const Sexp_* head = n->car;
     if (head->is_symbol == 0 || head->mgr == nullptr) return plain_list;
@@ -192,16 +275,17 @@ class Writer {
       if (std::strcmp(name, f.name) != 0) continue;
       if (f.form.closer[0] == '\0') {  // exactly one datum follows
         const Sexp_* rest = n->cdr;
-        const bool one = rest->is_symbol == 0 && !detail::is_open(rest) &&
+        const bool one = rest->is_symbol == 0 && !blocks_form(rest) &&
                          rest->cdr->is_symbol != 0 && rest->cdr->value == 0;
         return one ? f.form : plain_list;
       }
-      // A proper list whose spine meets no open cons and no cycle (Floyd's two walkers).
+      // A proper list whose spine meets no open (or shared) cons and no cycle (Floyd's two
+      // walkers).
       const Sexp_* slow = n->cdr;
       for (const Sexp_* fast = n->cdr;;) {
         for (int step = 0; step < 2; ++step) {
           if (fast->is_symbol != 0) return fast->value == 0 ? f.form : plain_list;
-          if (detail::is_open(fast)) return plain_list;
+          if (blocks_form(fast)) return plain_list;
           fast = fast->cdr;
         }
         slow = slow->cdr;
@@ -213,25 +297,38 @@ class Writer {
 
   // Opens list `n`: writes its opener and pushes its frame. Returns the element to write
   // next, or null when its head is implied and the next step is to advance.
-  const Sexp_* open_list(Out& out, std::vector<Frame>& stack, const Sexp_* n, std::size_t col) {
+  const Sexp_* open_list(Out& out, std::vector<Entry>& stack, const Sexp_* n, std::size_t col) {
     const Form form = form_of(n);
     out.put(form.opener);
-    stack.push_back({n, n});
+    if constexpr (Shared) {
+      stack.push_back({n, false});
+    } else {
+      stack.push_back({n, n});
+    }
     if (shaped_) shapes_.push_back({form.closer, col + options_.indent, lines_});
-    detail::toggle_open(n);
+    if (!Shared) detail::toggle_open(n);
     return form.implied_head ? nullptr : n->car;
   }
 
-  // The end of the innermost list: its dotted tail, if any, and its closer. (A trial
-  // line closes only lists it opened, which are the last shapes.)
-  void close_list(Out& out, std::vector<Frame>& stack) {
-    const Frame& f = stack.back();
+  // The end of the innermost list: its dotted tail, if any and not written already, and its
+  // closer. (A trial line closes only lists it opened, which are the last shapes.)
+  void close_list(Out& out, std::vector<Entry>& stack) {
+    const Entry& f = stack.back();
+    bool tail_written = false;
+    if constexpr (Shared) tail_written = f.tail;
     const Sexp_* next = f.at->cdr;
-    if (next->is_symbol == 0) {
-      out.put(" . #cycle");
-    } else if (next->value != 0) {
-      out.put(" . ", 3);
-      symbol(out, next);
+    if (!tail_written) {
+      if (next->is_symbol == 0) {  // plain: a cycle; shared: a shared cons already written
+        if constexpr (Shared) {
+          out.put(" . ", 3);
+          atom(out, next);
+        } else {
+          out.put(" . #cycle");
+        }
+      } else if (next->value != 0) {
+        out.put(" . ", 3);
+        symbol(out, next);
+      }
     }
     if (shaped_) {
       out.put(shapes_.back().closer);
@@ -243,17 +340,26 @@ class Writer {
     stack.pop_back();
   }
 
-  // Whether `next`, the cdr of the innermost list's last cons, goes on with the list.
-  static bool continues(const Sexp_* next) noexcept {
-    return next->is_symbol == 0 && !detail::is_open(next);
+  // Shared: when the innermost list's cdr `next` is a shared cons not written yet, starts
+  // writing it as the list's tail, " . " and then the element returned; null otherwise.
+  const Sexp_* shared_tail(Out& out, Entry& f, const Sexp_* next) {
+    if constexpr (Shared) {
+      if (f.tail || next->is_symbol != 0 || labels_->label(next) != no_label) return nullptr;
+      out.put(" . ", 3);
+      f.tail = true;
+      return next;
+    } else {
+      (void)out, (void)f, (void)next;
+      return nullptr;
+    }
   }
 
   // One line. Limited: gives up, returning false, once more than `limit` bytes are in
   // `out` (which has no stream); the marks set so far are removed either way.
   template <bool Limited>
   bool write_flat(Out& out, const Sexp_* root, std::size_t limit) {
-    std::vector<Frame>& stack = Limited ? trial_stack_ : main_stack_;
-    detail::OpenMarks<Frame> marks(stack);
+    std::vector<Entry>& stack = Limited ? trial_stack_ : main_stack_;
+    detail::OpenMarks<Entry> marks(stack);
     const std::size_t shapes_base = shapes_.size();
     const auto give_up = [&] {
       shapes_.resize(shapes_base);
@@ -268,31 +374,43 @@ class Writer {
         out.maybe_flush();
       }
       if (n != nullptr) {
-        if (continues(n)) {
+        if (opens_list(n)) {
+          label_if_shared<Limited>(out, n);
           n = open_list(out, stack, n, 0);
           fresh = n == nullptr;
           if (!fresh) continue;
         } else {
           if (Limited && too_wide(n, limit - std::min(limit, out.size()))) return give_up();
-          n->is_symbol != 0 ? symbol(out, n) : out.put("#cycle");
+          atom(out, n);
         }
       }
       // The element is written: go on with the innermost list, closing those that end here.
       for (;;) {
         if (stack.empty()) return true;
-        Frame& f = stack.back();
+        Entry& f = stack.back();
         const Sexp_* next = f.at->cdr;
-        if (continues(next)) {
+        if (!tail_pending(f) && continues(next)) {
           if (!fresh) out.put(' ');
           fresh = false;
           f.at = next;
-          detail::toggle_open(next);
+          if (!Shared) detail::toggle_open(next);
           n = next->car;
           break;
         }
-        close_list(out, stack);
         fresh = false;
+        if ((n = shared_tail(out, f, next)) != nullptr) break;
+        close_list(out, stack);
       }
+    }
+  }
+
+  // Shared: whether the innermost list has its tail written already and ends with it.
+  static bool tail_pending(const Entry& f) noexcept {
+    if constexpr (Shared) {
+      return f.tail;
+    } else {
+      (void)f;
+      return false;
     }
   }
 
@@ -301,8 +419,8 @@ class Writer {
   // a line of its own, indented under the list. Each list is tried flat once, and a trial
   // stops as soon as the line is full, so the work is linear in the output.
   void write_pretty(const Sexp_* root) {
-    std::vector<Frame>& stack = main_stack_;
-    detail::OpenMarks<Frame> marks(stack);
+    std::vector<Entry>& stack = main_stack_;
+    detail::OpenMarks<Entry> marks(stack);
     std::size_t line_start = out_.written();
     const auto col = [&] { return out_.written() - line_start; };
     const auto room = [&] { return options_.width > col() ? options_.width - col() : 0; };
@@ -312,11 +430,12 @@ class Writer {
       out_.maybe_flush();
       if (n != nullptr) {
         trial_.clear();
-        if (!continues(n)) {
-          n->is_symbol != 0 ? symbol(out_, n) : out_.put("#cycle");
-        } else if (fits(n, room())) {
+        if (!opens_list(n)) {
+          atom(out_, n);
+        } else if (fits(n, room())) {  // the trial wrote the list's label too, if it has one
           out_.put(trial_.text());
         } else {
+          label_if_shared<false>(out_, n);
           n = open_list(out_, stack, n, col());
           fresh = n == nullptr;
           if (!fresh) continue;
@@ -324,19 +443,20 @@ class Writer {
       }
       for (;;) {
         if (stack.empty()) return;
-        Frame& f = stack.back();
+        Entry& f = stack.back();
         Shape& shape = shapes_.back();
         const Sexp_* next = f.at->cdr;
-        if (!continues(next)) {
-          close_list(out_, stack);
+        if (tail_pending(f) || !continues(next)) {
           fresh = false;
+          if ((n = shared_tail(out_, f, next)) != nullptr) break;
+          close_list(out_, stack);
           continue;
         }
         const Sexp_* e = next->car;
         bool same_line = fresh;
-        if (!fresh && shape.line == lines_ && !continues(e)) {  // an atom: keep it up if it fits
+        if (!fresh && shape.line == lines_ && !opens_list(e)) {  // an atom: keep it up if it fits
           trial_.clear();
-          e->is_symbol != 0 ? symbol(trial_, e) : trial_.put("#cycle");
+          atom(trial_, e);
           same_line = trial_.size() < room();
         }
         if (!fresh) {
@@ -351,7 +471,7 @@ class Writer {
         }
         fresh = false;
         f.at = next;
-        detail::toggle_open(next);
+        if (!Shared) detail::toggle_open(next);
         n = e;
         break;
       }
@@ -367,34 +487,58 @@ class Writer {
   }
 
   // Whether list `n` written flat takes at most `room` bytes; its text is left in trial_.
+  // Labels the trial gave are taken back when it does not fit: they are given again as the
+  // list is written broken.
   bool fits(const Sexp_* n, std::size_t room) {
     trial_.clear();
+    std::uint64_t next_label = 0;
+    if constexpr (Shared) next_label = labels_->next();
     const bool whole = write_flat<true>(trial_, n, room);
     trial_stack_.clear();  // what a trial given up left open, its marks already removed
-    return whole && trial_.size() <= room;
+    const bool fit = whole && trial_.size() <= room;
+    if constexpr (Shared) {
+      if (!fit) {
+        for (const Sexp_* c : trial_labels_) labels_->undefine(c);
+        labels_->rewind(next_label);
+      }
+      trial_labels_.clear();
+    }
+    return fit;
   }
 
   Out& out_;
   const WriteOptions& options_;
   const detail::Syntax& syntax_;
+  detail::ConsLabels* const labels_;  // shared: the conses to label and their labels
   const bool shaped_ = options_.pretty || options_.dialect == Dialect::scheme;
   Out trial_{nullptr};  // pretty: a list or atom written flat to be measured
-  std::vector<Frame> main_stack_, trial_stack_;
+  std::vector<Entry> main_stack_, trial_stack_;
   std::vector<Shape> shapes_;  // one per open list of both stacks, when shaped_
   std::size_t lines_ = 0;      // pretty: line breaks written so far
+  std::vector<const Sexp_*> trial_labels_;  // shared: conses labelled by the current trial
 };
+
+// The text of `root` into `out`.
+void write_to(Out& out, const Sexp_* root, const WriteOptions& options) {
+  if (!options.shared) {
+    Writer<false>(out, options, nullptr).write(root);
+    return;
+  }
+  detail::ConsLabels labels(root);
+  Writer<true>(out, options, &labels).write(root);
+}
 
 }  // namespace
 
 void write_text(std::ostream& os, const Sexp& e, const WriteOptions& options) {
   Out out(&os);
-  Writer(out, options).write(e.get());
+  write_to(out, e.get(), options);
   out.flush();
 }
 
 std::string to_text(const Sexp& e, const WriteOptions& options) {
   Out out(nullptr);
-  Writer(out, options).write(e.get());
+  write_to(out, e.get(), options);
   return std::move(out.text());
 }
 

@@ -122,6 +122,14 @@ const std::string expr =
     "(f a (g b b) " + words("c", 3, 30, " ") + words("(k", 0, 30, " ") + "a" + std::string(31, ')');
 const std::string matched =
     words("X", 0, 30, " ") + pattern + expr + "(f X0 X0 X0) (g X1) X2 (r X1 (s X2))";
+std::string labelled() {  // a list of 24 shared lists, each labelled and referred to once
+  std::string s = "(";
+  for (int i = 0; i < 24; ++i) {
+    const std::string n = std::to_string(i);
+    s += "#" + n + "=(x" + n + ") #" + n + "# ";
+  }
+  return s + ")";
+}
 const std::string assorted = "; note\n(a b . c) () |x\\|y| #42 (|| |#7| \\\\z)" + pattern;
 
 const std::vector<Workload> workloads = {
@@ -197,6 +205,17 @@ const std::vector<Workload> workloads = {
       {fixed, write_all},
       {building, [](World& w) { w.put(to_text(parse(*w.m, deep))); }},
       {fixed, parse_error}}},
+    {"Labels",
+     {{building, [](World& w) { w.build(labelled()); }},
+      {fixed, [](World& w) { w.put(to_text(w.h[0], {Dialect::scheme, true, 9, 1, true})); }},
+      {fixed,
+       [](World& w) {
+         try {
+           parse(*w.m, labelled() + "#0#");  // a label's scope ends with its expression
+         } catch (const ParseError& e) {
+           w.put(e.what());
+         }
+       }}}},
 };
 
 // The state a failed step may change only as its Allow says: the next id, the canonical nodes,

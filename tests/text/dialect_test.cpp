@@ -57,7 +57,7 @@ TEST(Dialects, ErrorsSayWhereAndLeaveNoTrace) {
       {C, "(a ')", "1:5: expected a datum after ''' at 1:4"}, {C, "#;", "1:3: expected a datum after '#;' at 1:1"},
       {C, "#| a #| b |#", "1:13: unterminated block comment opened at 1:1"},
       {C, "[a)", "1:3: ')' closes the '[' opened at 1:1"}, {C, "#\\zz", "1:1: unknown character '#\\zz'"},
-      {C, "#0=a", "1:1: datum labels (#n= and #n#) are not read"}, {C, "(#y)", "1:2: unknown '#' syntax"},
+      {C, "#0a", "1:1: a datum label is '#N=' or '#N#'"}, {C, "(#y)", "1:2: unknown '#' syntax"},
       {C, "#!r6rs", "1:1: unknown directive '#!r6rs'"}, {C, "#(a . b)", "1:5: misplaced '.'"},
       {C, "\"\\x110000;\"", "1:2: \\x takes hex digits (at most 10FFFF) and ';' in string"},
       {C, "|a\\x0;|", "1:3: NUL byte in name"}, {C, "\"a\\ b\"", "1:3: unknown escape: '\\' followed by byte 0x20 in string"},

@@ -27,6 +27,12 @@ struct WriteOptions {
   bool pretty = false;
   std::size_t width = 80;
   std::size_t indent = 2;
+  /// False: every occurrence of a sub-expression is written in full. True: a cons that
+  /// more than one place refers to is written in full once, after a datum label `#N=`,
+  /// and as `#N#` everywhere else, so the text grows with the distinct nodes rather than
+  /// with the tree (see write_text). Last, so that `{dialect, pretty, width, indent}` keeps
+  /// meaning what it did.
+  bool shared = false;
 };
 
 }  // namespace vorn

@@ -74,7 +74,21 @@ class ParseError : public std::runtime_error {
 /// the next datum. `#!fold-case` makes the bare words after it lower case (ASCII) and
 /// `#!no-fold-case` stops that, to the end of the text given to one call; any other
 /// `#!word` is an error, except a first line starting with `#!/` or `#! `, which is
-/// skipped as a script header. Datum labels (`#0=`, `#0#`) are not read.
+/// skipped as a script header.
+///
+/// Datum labels, in every dialect: `#N=` (N decimal digits, up to 2^64 - 1; `#007` is
+/// label 7) before a datum labels it, and `#N#` stands for that datum, the same node,
+/// wherever a datum may stand: as an element, after a dot, after a scheme prefix, as
+/// another label's datum. White space and comments may come between `#N=` and its
+/// datum; `#N#` ends a word. A label is known from its definition to the end of its
+/// top-level expression, and only there: each expression of parse_all (and of a
+/// TextReader) has labels of its own. smtlib, which has no dotted tails, takes a dot
+/// before a label (`(a . #0#)`), which is how the writer writes a shared tail. Inside a
+/// scheme datum comment labels are read and dropped with the datum. A reference to a
+/// label not defined before it, a label defined twice, and a reference inside the datum
+/// it labels (a cycle, which canonical nodes cannot hold) are errors at the `#` of the
+/// offending label. Label numbers are kept in a table of the labels defined, so a large
+/// number costs no more than a small one.
 ///
 /// Every node is canonical (sh_sym/sh_cons) and names are interned with make_symbol,
 /// so equal texts give the same node. Nesting depth is limited by memory only: the
@@ -88,7 +102,9 @@ class ParseError : public std::runtime_error {
 /// lacks its datum; a misplaced `.` is reported at that dot (the first dot of the list
 /// when more than one). For parse, a count other than one is reported only once the
 /// text is known to be well formed: at the second expression's start, or at the end
-/// when there is none. Memory exhaustion while building throws std::bad_alloc;
+/// when there is none. A label defined twice, or referred to inside its own datum, is
+/// reported with where it was first defined in the message. Memory exhaustion while
+/// building throws std::bad_alloc;
 /// canonical nodes and names made before it stay, as canonical nodes always do.
 Sexp parse(SexpManager& m, std::string_view text, const ReadOptions& options = {});
 

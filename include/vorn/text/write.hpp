@@ -19,6 +19,20 @@ namespace vorn {
 /// (a cycle made with setcar/setcdr) is written `#cycle`, which no reader accepts; a
 /// sub-expression merely shared is written in full each time. `e` must not be null.
 ///
+/// Shared (`options.shared`): every cons that more than one place refers to (two parents,
+/// one parent through both its car and its cdr, or the root reached again from inside)
+/// is written in full at its first occurrence, after `#N=`, and as `#N#` at every later
+/// one, N counting from 0 in the order of the text. A shared tail is written after a
+/// dot: `(x . #0=(b c))`. Each distinct cons is thus written once, and a cycle made with
+/// setcar/setcdr is written with a label too (`#0=(a . #0#)`), the one way text can hold
+/// one, though no reader accepts it into canonical nodes. Finding the shared conses
+/// walks the expression once beforehand, iteratively, keeping one table entry per
+/// distinct cons. Conses referred to once are written as without the option, so a tree
+/// without sharing gives the same text either way. Every dialect: smtlib writes a shared
+/// tail after a dot too, which its reader takes before a label only; in scheme a
+/// vector, bytevector or abbreviation with a shared cons on its spine is written as the
+/// plain list.
+///
 /// vorn: bars are needed for an empty name, a lone `.`, a name starting with `#` and a
 /// name holding white space, `(`, `)`, `;`, `|` or `"`; between bars `|` and `\` are
 /// escaped. Strings escape `"`, `\`, line feed, tab and return as `\"` `\\` `\n` `\t`
