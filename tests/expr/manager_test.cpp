@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <new>
 #include <string>
@@ -167,6 +168,40 @@ TEST(SexpManagerSharing, ChildrenCompareByIdWhereAddressesDiffer) {
   const Sexp twin = other.sym(12);
   ASSERT_EQ(twin.id(), kept.id());
   EXPECT_EQ(other.sh_cons(twin, y), other.sh_cons(kept, y));
+}
+
+// sh_sym and sh_cons make their node whether or not its shape exists: a hit, like a miss,
+// needs an id, so at the counter's end it takes a snapshot of the live ids, and a slot, so a
+// full node pool takes a chunk. Refused that memory, either throws and changes nothing.
+TEST(SexpManagerSharing, HitsNeedAnIdAndASlotAsMissesDo) {
+  for (const bool ids_run_out : {true, false}) {
+    for (const bool cons : {false, true}) {
+      for (const bool hit : {true, false}) {
+        SCOPED_TRACE(testing::Message() << (ids_run_out ? "ids, " : "slots, ")
+                                        << (cons ? "sh_cons, " : "sh_sym, ") << hit);
+        SexpManager m;
+        const Sexp a = m.sh_sym(1), c = m.sh_cons(a, a);
+        std::vector<Sexp> fill;
+        if (ids_run_out) Internals::set_next_id(m, 0);  // every id has been handed out
+        while (!ids_run_out && Internals::slots_in_use(m) < 1024) fill.push_back(m.sym(2));
+        const std::size_t need = ids_run_out ? 4 * Internals::slots_in_use(m) : 8 + 1024 * 32;
+        const auto share = [&] { return cons ? m.sh_cons(hit ? a : c, a) : m.sh_sym(hit ? 1 : 3); };
+        const auto state = [&] {  // an array: the probe counts every allocation
+          return std::array<std::uint64_t, 6>{
+              Internals::next_id(m),       Internals::shared_size(m), Internals::slots_in_use(m),
+              Internals::snapshot_size(m), a.get()->refcount,         c.get()->refcount};
+        };
+        const auto before = state();
+        test::MallocProbe probe(true);
+        probe.fail_at(0);
+        EXPECT_THROW(share(), std::bad_alloc);
+        EXPECT_EQ(state(), before);
+        EXPECT_EQ(share() == (cons ? c : a), hit);
+        const std::size_t calls = probe.calls();  // the retry asked for the same memory
+        EXPECT_EQ((Words{calls, probe.size(0), probe.size(1)}), (Words{2, need, need}));
+      }
+    }
+  }
 }
 
 }  // namespace

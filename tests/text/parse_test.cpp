@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "support/internals.hpp"
+#include "support/malloc_probe.hpp"
 #include "support/small_stack.hpp"
 #include "vorn/expr/instantiate.hpp"
 #include "vorn/text/write.hpp"
@@ -117,6 +118,22 @@ TEST(Parse, RepeatedAtomsAreTheNodesMadeByHand) {
       ASSERT_EQ(a.car().id(), b.car().id());
       ASSERT_EQ(a.car().get()->refcount, b.car().get()->refcount);
     }
+  }
+}
+
+// An atom met again in one text is a sharing hit, and needs what sh_sym's hit needs: at the
+// counter's end a snapshot of the live ids, and on a full node pool a chunk.
+TEST(Parse, RepeatedAtomNeedsAnIdAndASlotAsSharingHitsDo) {
+  for (const bool ids_run_out : {true, false}) {
+    SexpManager m;
+    std::vector<Sexp> fill;
+    if (ids_run_out) I::set_next_id(m, 0xFFFFFFFFu);  // the first `fresh` takes the last id
+    while (!ids_run_out && I::slots_in_use(m) < 1023) fill.push_back(m.sym(1));  // one slot left
+    test::MallocProbe probe;
+    EXPECT_EQ(parse_all(m, "fresh fresh").size(), 2u);
+    EXPECT_EQ(ids_run_out ? I::snapshot_size(m) : probe.granted(8 + 1024 * 32),
+              ids_run_out ? 2u : 1u)
+        << ids_run_out;
   }
 }
 
