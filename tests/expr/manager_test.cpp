@@ -129,6 +129,23 @@ TEST(SexpManagerSharing, StrhashEqReadsKindValuesAndChildIds) {
 // another manager, a foreign child set in place in a canonical cons, and an id given back by
 // strhash while its node lives on (the next node takes the same id).
 TEST(SexpManagerSharing, ChildrenCompareByIdWhereAddressesDiffer) {
+  // One foreign child x, on either side, of a canonical cons entered by sh_cons, by strhash or
+  // set in place, or of the shape sought: x and a have one id, so (x . b) is (a . b).
+  for (int way = 0; way < 4; ++way) {
+    for (const bool car_side : {true, false}) {
+      SCOPED_TRACE(testing::Message() << "way " << way << (car_side ? ", car" : ", cdr"));
+      SexpManager m, other;
+      const Sexp a = m.sh_sym(10), b = m.sh_sym(11), x = other.sh_sym(20);
+      const auto with = [&](const Sexp& k, bool shared) {  // (k . b) or (b . k)
+        const Sexp &car = car_side ? k : b, &cdr = car_side ? b : k;
+        return shared ? m.sh_cons(car, cdr) : m.cons(car, cdr);
+      };
+      Sexp c = with(way < 2 ? x : a, way != 1);
+      if (way == 1) m.strhash(c);
+      if (way == 2) car_side ? c.setcar(x) : c.setcdr(x);
+      EXPECT_EQ(with(way == 3 ? x : a, true), c);
+    }
+  }
   SexpManager m, other;
   const Sexp a = m.sh_sym(10), b = m.sh_sym(11), x = other.sh_sym(20), y = other.sh_sym(21);
   ASSERT_EQ((Words{a.id(), b.id(), x.id(), y.id()}), (Words{1, 2, 1, 2}));

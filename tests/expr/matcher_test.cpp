@@ -59,6 +59,26 @@ TEST_F(Matcher, VerdictsBindingsAndTheListForm) {
   EXPECT_TRUE(mt.match(std::vector<Sexp>{L({g})}, fab) == 1 && mt.get(b).is_null());
 }
 
+// Variables of any value, declared by either constructor, are found, and constants are not
+// taken for them: N differs from V in bit 6 only, U in bit 32 only (and binds apart from V).
+TEST_F(Matcher, VariablesOfEveryValueEitherConstructor) {
+  for (const unsigned long v :
+       {32ul, 47ul, 63ul, 104ul, (1ul << 32) | 33, SexpManager::string_tag | 60, ~0ul}) {
+    const Sexp V = m.sh_sym(v), U = m.sh_sym(v ^ (1ul << 32)), N = m.sh_sym(v ^ 64);
+    SexpMatcher by_vector({V, U}), by_add_var;
+    by_add_var.add_var(V), by_add_var.add_var(U);
+    for (SexpMatcher* mt : {&by_vector, &by_add_var}) {
+      SCOPED_TRACE(testing::Message() << v << (mt == &by_vector ? " by vector" : " by add_var"));
+      const Sexp p = L({f, V, L({g, V}), U, N});
+      EXPECT_TRUE(mt->match(p, L({f, a, L({g, a}), b, N})));
+      EXPECT_TRUE(mt->get(V) == a && mt->get(U) == b && mt->get(N).is_null());
+      EXPECT_FALSE(mt->match(p, L({f, a, L({g, b}), b, N})));
+      EXPECT_FALSE(mt->match(p, L({f, a, L({g, a}), b, a})));
+      EXPECT_TRUE(mt->match(L({V, a}), L({L({g, b}), a})));  // a variable head: no head check
+    }
+  }
+}
+
 TEST_F(Matcher, GetPutEraseAndPostOrderRelease) {
   for (bool by_destruction : {false, true}) {
     auto mt = std::make_unique<SexpMatcher>();

@@ -4,6 +4,7 @@
 // support/malloc_probe.hpp, which counts them and can make any of them fail.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -22,6 +23,7 @@ namespace {
 
 using Internals = detail::SexpManagerInternals;
 using test::MallocProbe;
+using Words = std::vector<std::uint64_t>;
 
 // The slots of a released list serve the next nodes: no chunk is taken while they last.
 TEST(SexpHandle, ReleasedSlotsServeNewNodesFirst) {
@@ -107,6 +109,40 @@ TEST(StringTable, AFailedAllocationLeavesTheTableAsItWas) {
     for (std::size_t i = 0; i < done; ++i) ASSERT_EQ(t.at(i), contents[i]) << fail << " " << i;
     if (!failed) break;
     EXPECT_EQ(t.intern(contents[done]), done);  // the failed one goes in afterwards
+  }
+}
+
+// sh_sym and sh_cons make their node whether or not its shape exists: a hit, like a miss,
+// needs an id, so at the counter's end it takes a snapshot of the live ids, and a slot, so a
+// full node pool takes a chunk. Refused that memory, either throws and changes nothing.
+TEST(SexpManagerSharing, HitsNeedAnIdAndASlotAsMissesDo) {
+  for (const bool ids_run_out : {true, false}) {
+    for (const bool cons : {false, true}) {
+      for (const bool hit : {true, false}) {
+        SCOPED_TRACE(testing::Message() << (ids_run_out ? "ids, " : "slots, ")
+                                        << (cons ? "sh_cons, " : "sh_sym, ") << hit);
+        SexpManager m;
+        const Sexp a = m.sh_sym(1), c = m.sh_cons(a, a);
+        std::vector<Sexp> fill;
+        if (ids_run_out) Internals::set_next_id(m, 0);  // every id has been handed out
+        while (!ids_run_out && Internals::slots_in_use(m) < 1024) fill.push_back(m.sym(2));
+        const std::size_t need = ids_run_out ? 4 * Internals::slots_in_use(m) : 8 + 1024 * 32;
+        const auto share = [&] { return cons ? m.sh_cons(hit ? a : c, a) : m.sh_sym(hit ? 1 : 3); };
+        const auto state = [&] {  // an array: the probe counts every allocation
+          return std::array<std::uint64_t, 6>{
+              Internals::next_id(m),       Internals::shared_size(m), Internals::slots_in_use(m),
+              Internals::snapshot_size(m), a.get()->refcount,         c.get()->refcount};
+        };
+        const auto before = state();
+        MallocProbe probe(true);
+        probe.fail_at(0);
+        EXPECT_THROW(share(), std::bad_alloc);
+        EXPECT_EQ(state(), before);
+        EXPECT_EQ(share() == (cons ? c : a), hit);
+        const std::size_t calls = probe.calls();  // the retry asked for the same memory
+        EXPECT_EQ((Words{calls, probe.size(0), probe.size(1)}), (Words{2, need, need}));
+      }
+    }
   }
 }
 

@@ -23,15 +23,18 @@ using test::MallocProbe;
 // A chunk is one malloc of 8 + slots * 16 bytes: a link to the older chunk, then its slots,
 // handed out in ascending order. Each chunk serves exactly its slot count before the next (so
 // the 1025th slot takes a second chunk of 1024); slot counts grow by truncated products
-// (1 * 1.5 stays 1). Each chunk is first refused once: that leaves the pool as it was, so the
-// retry asks for the same size and links to the same older chunk (LeakSanitizer checks that
-// every chunk taken is freed at destruction).
+// (1 * 1.5 stays 1) of single-precision floats (5 * 1.4 is 7, 10 * 1.9 is 19: one less in
+// double precision, as 1.4f and 1.9f fall just short of 1.4 and 1.9). Each chunk is first
+// refused once: that leaves the pool as it was, so the retry asks for the same size and links
+// to the same older chunk (LeakSanitizer checks that every chunk taken is freed at destruction).
 TEST(MemoryPool, ChunkLayoutGrowthCapAndMallocFailure) {
   const std::tuple<std::uint64_t, float, std::uint64_t, std::vector<std::uint64_t>> cases[] = {
       {16, 2.0f, 8192, {16, 32, 64, 128, 256, 512, 1024, 2048, 4096, 8192, 8192, 8192}},
       {16, 2.0f, 10, {16, 10, 10, 10}},
       {1024, 1.0f, 0, {1024, 1024}},
-      {1, 1.5f, 0, {1, 1, 1}}};
+      {1, 1.5f, 0, {1, 1, 1}},
+      {5, 1.4f, 0, {5, 7, 9, 12}},
+      {10, 1.9f, 40, {10, 19, 36, 40}}};
   for (const auto& [first, factor, cap, chunks] : cases) {
     MemoryPool<16, false> pool(first, factor, cap);
     MallocProbe probe;
