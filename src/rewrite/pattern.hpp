@@ -1,0 +1,108 @@
+// A pattern compiled into a short program that matches it against terms.
+#ifndef VORN_SRC_REWRITE_PATTERN_HPP
+#define VORN_SRC_REWRITE_PATTERN_HPP
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "vorn/expr/sexp.hpp"
+
+namespace vorn::detail {
+
+/// Where a variable of a pattern is bound, which says what is known of its binding once
+/// the pattern has matched a term whose elements are in normal form.
+enum class BindingPlace : std::uint8_t {
+  car,   // the car of some cell: an element, at some depth, so in normal form
+  cdr,   // the cdr of some cell: the rest of a spine (cars in normal form, the end too)
+  root,  // the whole term: the term a rule matches is no normal form
+};
+
+/// What a pattern asks of the head of a term, which is all the rule index looks at.
+struct PatternHead {
+  enum Kind : std::uint8_t {
+    anything,     // a variable: every term
+    symbol,       // the symbol of `value`
+    headed_list,  // a cons whose car is the symbol of `value`
+    any_list,     // any cons (the pattern's car is a variable)
+    list_list,    // a cons whose car is a cons
+  };
+  Kind kind = anything;
+  std::uint64_t value = 0;
+};
+
+/// A pattern as straight-line code over a register file of node pointers: register 0 is
+/// the term, and each instruction checks one pattern node against the register that
+/// stands for its place in the term. Matching then needs no stack, no table and no
+/// reference counting: the registers borrow nodes held by the term.
+///
+/// The code visits the pattern in pre-order, car side first, so variables are bound in
+/// SexpMatcher's order: slot k is the k-th distinct variable met. Its verdict and its
+/// bindings are SexpMatcher's: a variable binds on its first occurrence and must meet a
+/// node of the same id at the others, other symbols must have equal values, conses must
+/// meet conses. The check of a symbol head that the rule index already made (kind
+/// headed_list) is left out, so the code may only run on terms of its head's bucket.
+class PatternCode {
+ public:
+  enum Op : std::uint32_t {
+    cons,    // reg is a cons: its car goes to register `arg`, its cdr to `arg + 1`
+    symbol,  // reg is the symbol of `value`
+    bind,    // slot `arg` := reg (the variable's first occurrence)
+    same,    // reg has the id of slot `arg`
+  };
+  struct Instr {
+    std::uint64_t value;
+    std::uint32_t reg;
+    std::uint32_t op_arg;  // op in the low 2 bits, arg above
+  };
+
+  /// Compiles `pattern`, whose variables are the symbol nodes for which is_var holds.
+  /// Iterative: any depth.
+  PatternCode(const Sexp_* pattern, const std::function<bool(const Sexp_*)>& is_var);
+
+  /// Whether `term` matches; on true, slots[k] holds the binding of variable k. `regs`
+  /// needs room for registers() pointers. The term must be in this pattern's bucket of
+  /// the rule index (see the class comment).
+  bool run(const Sexp_* term, const Sexp_** regs, Sexp_** slots) const noexcept {
+    regs[0] = term;
+    for (const Instr& in : code_) {
+      const Sexp_* n = regs[in.reg];
+      const std::uint32_t arg = in.op_arg >> 2;
+      switch (in.op_arg & 3) {
+        case cons:
+          if (n->is_symbol != 0) return false;
+          regs[arg] = n->car;
+          regs[arg + 1] = n->cdr;
+          break;
+        case symbol:
+          if (n->is_symbol == 0 || n->value != in.value) return false;
+          break;
+        case bind:
+          slots[arg] = const_cast<Sexp_*>(n);
+          break;
+        default:  // same
+          if (slots[arg]->id != n->id) return false;
+          break;
+      }
+    }
+    return true;
+  }
+
+  const PatternHead& head() const noexcept { return head_; }
+  std::uint32_t registers() const noexcept { return registers_; }
+  /// The value of each slot's variable, in slot order.
+  const std::vector<std::uint64_t>& variables() const noexcept { return variables_; }
+  /// Where each slot's variable is bound.
+  const std::vector<BindingPlace>& places() const noexcept { return places_; }
+
+ private:
+  std::vector<Instr> code_;
+  std::uint32_t registers_ = 1;
+  std::vector<std::uint64_t> variables_;
+  std::vector<BindingPlace> places_;
+  PatternHead head_;
+};
+
+}  // namespace vorn::detail
+
+#endif  // VORN_SRC_REWRITE_PATTERN_HPP

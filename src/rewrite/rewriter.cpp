@@ -1,0 +1,502 @@
+// The rewriting engine: innermost-first normalisation over compiled rules.
+#include "vorn/rewrite/rewriter.hpp"
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "memo.hpp"
+#include "pattern.hpp"
+#include "rule_index.hpp"
+#include "template.hpp"
+#include "vorn/expr/sexp_ref.hpp"
+#include "vorn/rewrite/variables.hpp"
+
+namespace vorn {
+
+using detail::SexpRef;
+
+StepLimitExceeded::StepLimitExceeded(std::uint64_t limit)
+    : std::runtime_error("no normal form within " + std::to_string(limit) + " rule applications"),
+      limit_(limit) {}
+
+namespace {
+
+// A rule as given and as compiled, with the operand array its replacement is built in
+// when it is built whole: matching writes the bindings into its first slots, the
+// constants follow, then the cells as they are built.
+struct Rule {
+  Rule(SexpManager& m, const Sexp& p, const Sexp& r,
+       const std::function<bool(const Sexp_*)>& is_var)
+      : pattern(p),
+        replacement(r),
+        match(p.get(), is_var),
+        build(m, r.get(), match.variables(), match.places(), is_var),
+        ops(build.operands()) {
+    build.load_constants(ops.data());
+  }
+  Sexp pattern;
+  Sexp replacement;
+  detail::PatternCode match;
+  detail::TemplateCode build;
+  std::vector<Sexp_*> ops;
+};
+
+}  // namespace
+
+class Rewriter::Engine {
+ public:
+  explicit Engine(SexpManager& m) : m_(m) {}
+  ~Engine() { unwind(); }
+
+  void add_rule(const Sexp& pattern, const Sexp& replacement);
+  Sexp normalize(const Sexp& term);
+
+  SexpManager& m_;
+  std::vector<std::unique_ptr<Rule>> rules_;
+  detail::RuleIndex index_;
+  bool index_stale_ = false;
+  std::vector<const Sexp_*> registers_;  // the matching code's, sized for the largest pattern
+  detail::Memo memo_;
+  std::size_t memo_limit_ = default_memo_limit;
+  std::uint64_t collect_every_ = 0;
+  std::uint64_t collected_at_ = 0;  // the manager's ids_handed_out() at the last collection
+  std::uint64_t collect_after_ = 0; // ids to hand out within a term before collecting again
+  bool collected_once_ = false;     // collected_at_ is set
+  std::uint64_t max_steps_ = UINT64_MAX;
+  Trace trace_;
+  Stats stats_;
+
+ private:
+  // One place of the term being normalised, and the chain of rule applications there.
+  //
+  // A frame starts from a term (term_elements: the elements of a list are visited, then
+  // the list is rebuilt from their normal forms) or from a list of a replacement
+  // (list_elements: its items are taken or visited, then the list is built from their
+  // normal forms). The list so made is tried against the rules (match). When a rule
+  // fires, the frame goes on with its replacement in place of the term: a list of the
+  // replacement is normalised by the frame itself, so a chain of rule applications at
+  // one place, however long, takes one frame; any other replacement is visited and the
+  // frame waits for its normal form (replaced). The frame ends with a normal form, which
+  // the memo records for the term it started from and for the first list it tried.
+  enum Stage : unsigned char { term_elements, list_elements, match, replaced };
+  struct Frame {
+    Sexp_* term;     // held or null: the term the frame started from
+    Sexp_* key;      // held or null: the first list tried, when it is not `term`
+    Sexp_* current;  // held or null: the term being tried (match)
+    Sexp_* redex;    // held or null: the term the last rule matched (bindings are its subterms)
+    union {
+      const Sexp_* rest;                 // term_elements: the rest of term's spine
+      const detail::TemplateList* list;  // list_elements: the list being normalised
+    };
+    std::size_t base;            // size of done_ when the elements began
+    std::uint32_t item;          // list_elements: the next item of list
+    std::uint32_t bindings;      // list_elements: where the bindings of list's rule start
+    std::uint32_t own_bindings;  // size of bindings_ when the frame began
+    Stage stage;
+    bool dotted;  // the elements end in a dotted tail, whose normal form is last on done_
+  };
+
+  static constexpr std::uint32_t no_rule = UINT32_MAX;
+
+  void between_terms();
+  void maintain();
+  void collect();
+  void visit(Sexp_* term, bool fresh);
+  void push_done(Sexp_* nf) {
+    done_.push_back(nf);
+    nf->add_ref();
+  }
+  void push_list(const detail::TemplateList* list, std::uint32_t bindings);
+  bool rebuild(Frame& f);
+  bool build_list(Frame& f, Sexp_* tail);
+  bool known_current(Frame& f, bool fresh);
+  void finish(Sexp_* nf);
+  std::uint32_t first_match(const Sexp_* term);
+  void apply(Frame& f, std::uint32_t rule);
+  Sexp build_whole(Rule& rule, bool& fresh);
+  void unwind() noexcept;
+  void index_rules();
+
+  // All kept from call to call, so that a warm rewriter allocates nothing for them.
+  std::vector<Frame> work_;
+  std::vector<Sexp_*> done_;      // held: normal forms of finished parts, in visiting order
+  std::vector<Sexp_*> bindings_;  // bindings of the rules in use: subterms of frames' redexes
+};
+
+void Rewriter::Engine::add_rule(const Sexp& pattern, const Sexp& replacement) {
+  const std::vector<Sexp> bound = variables_of(m_, pattern);
+  for (const Sexp& v : variables_of(m_, replacement)) {
+    if (std::find(bound.begin(), bound.end(), v) == bound.end()) {
+      throw std::invalid_argument(std::string(m_.get_symbol_value(v.value())) +
+                                  " in the replacement is not bound by the pattern");
+    }
+  }
+  SexpManager& m = m_;
+  const auto is_var = [&m](const Sexp_* n) { return is_variable(m, n); };
+  auto rule = std::make_unique<Rule>(m_, pattern, replacement, is_var);
+  if (registers_.size() < rule->match.registers()) registers_.resize(rule->match.registers());
+  rules_.push_back(std::move(rule));
+  index_stale_ = true;
+}
+
+// The rule index, and which constant symbols of the replacements no rule can rewrite.
+void Rewriter::Engine::index_rules() {
+  std::vector<detail::PatternHead> heads;
+  for (const auto& rule : rules_) heads.push_back(rule->match.head());
+  index_.build(heads);
+  for (const auto& rule : rules_) {
+    rule->build.mark_normal_constants([this](const Sexp_* symbol) {
+      const detail::RuleIndex::Span s = index_.candidates(symbol);
+      return s.begin == s.end;
+    });
+  }
+  index_stale_ = false;
+}
+
+void Rewriter::Engine::collect() {
+  m_.collect();
+  ++stats_.collections;
+  collected_at_ = m_.ids_handed_out();  // collecting hands out no id
+}
+
+// Between terms: the memo brought within its limit, then the manager collected when due.
+// Dropping memo entries first lets the collection take what only they held.
+void Rewriter::Engine::between_terms() {
+  memo_.retire_beyond(memo_limit_);
+  if (collect_every_ == 0) return;
+  const std::uint64_t now = m_.ids_handed_out();
+  if (!collected_once_) {
+    collected_once_ = true;
+    collected_at_ = now;
+  }
+  if (now - collected_at_ >= collect_every_) collect();
+  collect_after_ = std::max<std::uint64_t>(collect_every_, m_.canonical_count());
+}
+
+// Within a term, before a list is tried against the rules: the memo kept within its
+// limit, and the manager collected once it has handed out as many ids since the last
+// collection as it then held canonical nodes (collect_every_ at least), so that each
+// collection, linear in the nodes alive plus the garbage, is paid for by as many new ones.
+void Rewriter::Engine::maintain() {
+  if (memo_.current_size() > memo_limit_ / 2) memo_.retire(memo_limit_);
+  if (collect_every_ != 0 && m_.ids_handed_out() - collected_at_ >= collect_after_) {
+    collect();
+    collect_after_ = std::max<std::uint64_t>(collect_every_, m_.canonical_count());
+  }
+}
+
+// The normal form of `term` on done_ if the memo knows it, else a frame for it. A fresh
+// node (made by the call that gave it) cannot be a key: keys are held, so no key dies and
+// leaves its slot to a new node.
+void Rewriter::Engine::visit(Sexp_* term, bool fresh) {
+  if (!fresh) {
+    if (Sexp_* nf = memo_.find(term)) {
+      ++stats_.memo_hits;
+      push_done(nf);
+      return;
+    }
+  }
+  const bool symbol = term->is_symbol != 0;
+  work_.push_back(Frame{term, nullptr, symbol ? term : nullptr, nullptr, {term}, done_.size(), 0, 0,
+                        static_cast<std::uint32_t>(bindings_.size()),
+                        symbol ? match : term_elements, false});
+  term->add_ref();
+  if (symbol) term->add_ref();
+}
+
+void Rewriter::Engine::push_list(const detail::TemplateList* list, std::uint32_t bindings) {
+  Frame f{nullptr, nullptr, nullptr, nullptr, {nullptr}, done_.size(), 0, bindings,
+          static_cast<std::uint32_t>(bindings_.size()), list_elements, false};
+  f.list = list;
+  work_.push_back(f);
+}
+
+// The list the top frame's term is rebuilt into from the normal forms of its elements (and
+// dotted tail), which are on done_ above its base; pops them. Unchanged elements give back
+// the term itself, without building. Returns whether the list is a node made just now.
+bool Rewriter::Engine::rebuild(Frame& f) {
+  bool same = true;
+  std::size_t k = f.base;
+  const Sexp_* p = f.term;
+  for (; p->is_symbol == 0 && same; p = p->cdr) same = done_[k++] == p->car;
+  if (same && f.dotted) same = done_[k] == p;
+  if (same) {
+    while (done_.size() > f.base) {
+      done_.back()->release();
+      done_.pop_back();
+    }
+    f.current = f.term;
+    f.term->add_ref();
+    return false;
+  }
+  Sexp_* tail = f.dotted ? done_.back() : m_.nil().get();
+  if (f.dotted) done_.pop_back();  // its reference goes to build_list
+  else tail->add_ref();
+  return build_list(f, tail);
+}
+
+// Makes f.current the list of the normal forms on done_ above f.base, ending in `tail`,
+// whose reference it takes over; pops them. Each cell is made with sh_cons: a sharing hit
+// when the manager's count of ids handed out does not move. Returns whether the list is
+// a node made just now.
+bool Rewriter::Engine::build_list(Frame& f, Sexp_* tail) {
+  Sexp list = SexpRef::adopt(tail);
+  bool fresh = false;
+  while (done_.size() > f.base) {
+    const std::uint64_t before = m_.ids_handed_out();
+    list = m_.sh_cons(SexpRef::borrow(done_.back()).handle(), list);
+    fresh = m_.ids_handed_out() != before;
+    if (!fresh) ++stats_.sharing_hits;
+    done_.back()->release();
+    done_.pop_back();
+  }
+  f.current = SexpRef::take(list);
+  return fresh;
+}
+
+// Sets the frame's key when this is the first list it tries, and looks a list that is not
+// new up in the memo; on a hit, finishes the frame.
+bool Rewriter::Engine::known_current(Frame& f, bool fresh) {
+  if (f.key == nullptr && f.redex == nullptr && f.current != f.term) {
+    f.key = f.current;
+    f.key->add_ref();
+  }
+  if (fresh || f.current == f.term) return false;
+  Sexp_* nf = memo_.find(f.current);
+  if (nf == nullptr) return false;
+  ++stats_.memo_hits;
+  finish(nf);
+  return true;
+}
+
+// Records `nf` as the normal form of the top frame's term and first list, pops the frame
+// and hands `nf` to the frame below.
+void Rewriter::Engine::finish(Sexp_* nf) {
+  Frame& f = work_.back();
+  if (f.term != nullptr) memo_.record(f.term, nf);
+  if (f.key != nullptr) memo_.record(f.key, nf);
+  push_done(nf);
+  for (Sexp_* held : {f.term, f.key, f.current, f.redex}) {
+    if (held != nullptr) held->release();
+  }
+  bindings_.resize(f.own_bindings);
+  work_.pop_back();
+}
+
+std::uint32_t Rewriter::Engine::first_match(const Sexp_* term) {
+  const detail::RuleIndex::Span candidates = index_.candidates(term);
+  for (const std::uint32_t* r = candidates.begin; r != candidates.end; ++r) {
+    Rule& rule = *rules_[*r];
+    if (rule.match.run(term, registers_.data(), rule.ops.data())) return *r;
+  }
+  return no_rule;
+}
+
+// The replacement of `rule` built whole, for the bindings in its operands. Every cell
+// built is held until the last is made: a manager that collects by itself may collect
+// while a later cell is made. `fresh`: the result is a node made just now.
+Sexp Rewriter::Engine::build_whole(Rule& rule, bool& fresh) {
+  Sexp_** ops = rule.ops.data();
+  fresh = false;
+  std::uint32_t at = rule.build.first_built();
+  try {
+    for (const detail::TemplateCode::Build& b : rule.build.builds()) {
+      const std::uint64_t before = m_.ids_handed_out();
+      Sexp cell = m_.sh_cons(SexpRef::borrow(ops[b.car]).handle(),
+                             SexpRef::borrow(ops[b.cdr]).handle());
+      fresh = m_.ids_handed_out() != before;
+      ops[at++] = SexpRef::take(cell);
+    }
+  } catch (...) {
+    while (at > rule.build.first_built()) ops[--at]->release();
+    throw;
+  }
+  Sexp result(ops[rule.build.built_root()]);
+  while (at > rule.build.first_built()) ops[--at]->release();
+  return result;
+}
+
+// The top frame's current matched `rule`: the frame goes on with its replacement. The
+// bindings move from the rule's operands to bindings_, where the frame's lists find them
+// while other rules fire; they stay alive as subterms of the redex, which the frame holds.
+void Rewriter::Engine::apply(Frame& f, std::uint32_t r) {
+  Rule& rule = *rules_[r];
+  const std::size_t slots = rule.match.variables().size();
+  bindings_.resize(f.own_bindings);
+  bindings_.insert(bindings_.end(), rule.ops.begin(), rule.ops.begin() + static_cast<std::ptrdiff_t>(slots));
+  if (f.redex != nullptr) f.redex->release();
+  f.redex = f.current;
+  f.current = nullptr;
+  const detail::TemplateCode& code = rule.build;
+  if (trace_ || code.eager()) {
+    bool fresh;
+    const Sexp whole = build_whole(rule, fresh);
+    if (trace_) trace_(r, SexpRef::borrow(f.redex).handle(), whole);
+    if (code.eager()) {
+      Frame& top = work_.back();  // the trace may not touch the frames, but f is not reread
+      top.stage = replaced;
+      visit(whole.get(), fresh);
+      return;
+    }
+  }
+  Frame& top = work_.back();
+  const detail::TemplateItem& root = code.root();
+  if (root.kind == detail::TemplateItem::list) {
+    top.list = root.sub;
+    top.item = 0;
+    top.base = done_.size();
+    top.bindings = top.own_bindings;
+    top.dotted = false;
+    top.stage = list_elements;
+    return;
+  }
+  Sexp_* node = root.kind == detail::TemplateItem::binding ? bindings_[top.own_bindings + root.index]
+                                                           : root.node;
+  if (root.normal) {
+    finish(node);
+    return;
+  }
+  top.stage = replaced;
+  visit(node, false);
+}
+
+void Rewriter::Engine::unwind() noexcept {
+  for (const Frame& f : work_) {
+    for (Sexp_* held : {f.term, f.key, f.current, f.redex}) {
+      if (held != nullptr) held->release();
+    }
+  }
+  work_.clear();
+  for (Sexp_* nf : done_) nf->release();
+  done_.clear();
+  bindings_.clear();
+}
+
+Sexp Rewriter::Engine::normalize(const Sexp& term) {
+  between_terms();
+  if (index_stale_) index_rules();
+  const std::uint64_t first_id = m_.ids_handed_out();
+  std::uint64_t steps = 0;
+  Sexp result;
+  try {
+    visit(term.get(), false);
+    while (!work_.empty()) {
+      Frame& f = work_.back();
+      switch (f.stage) {
+        case term_elements: {
+          if (f.rest->is_symbol == 0) {
+            Sexp_* element = f.rest->car;
+            f.rest = f.rest->cdr;
+            visit(element, false);
+            continue;
+          }
+          if (f.rest->value != 0 && !f.dotted) {
+            f.dotted = true;
+            visit(const_cast<Sexp_*>(f.rest), false);
+            continue;
+          }
+          if (known_current(f, rebuild(f))) continue;
+          f.stage = match;
+          break;
+        }
+        case list_elements: {
+          const detail::TemplateList& list = *f.list;
+          bool waiting = false;
+          while (f.item < list.count && !waiting) {
+            const detail::TemplateItem& item = list.items[f.item++];
+            if (item.kind == detail::TemplateItem::list) {
+              push_list(item.sub, f.bindings);
+              waiting = true;
+              break;
+            }
+            Sexp_* node = item.kind == detail::TemplateItem::binding ? bindings_[f.bindings + item.index]
+                                                                      : item.node;
+            if (item.normal) {
+              push_done(node);
+            } else {
+              visit(node, false);
+              waiting = true;
+            }
+          }
+          if (waiting) continue;
+          Sexp_* tail;
+          const detail::TemplateItem& end = list.tail;
+          if (end.kind == detail::TemplateItem::binding) {
+            tail = bindings_[f.bindings + end.index];
+          } else if (end.node->value == 0 || end.normal) {
+            tail = end.node;
+          } else if (!f.dotted) {
+            f.dotted = true;
+            visit(end.node, false);
+            continue;
+          } else {
+            tail = nullptr;  // the dotted tail's normal form, last on done_
+          }
+          if (tail != nullptr) {
+            tail->add_ref();
+          } else {
+            tail = done_.back();  // its reference goes to build_list
+            done_.pop_back();
+          }
+          if (known_current(f, build_list(f, tail))) continue;
+          f.stage = match;
+          break;
+        }
+        case match:
+          break;
+        case replaced: {
+          Sexp_* nf = done_.back();  // the replacement is normalised
+          done_.pop_back();
+          try {
+            finish(nf);
+          } catch (...) {
+            nf->release();
+            throw;
+          }
+          nf->release();
+          continue;
+        }
+      }
+      // match
+      Frame& g = work_.back();
+      maintain();
+      const std::uint32_t rule = first_match(g.current);
+      if (rule == no_rule) {
+        finish(g.current);
+        continue;
+      }
+      if (steps == max_steps_) throw StepLimitExceeded(max_steps_);
+      ++steps;
+      ++stats_.steps;
+      apply(g, rule);
+    }
+    result = Sexp(done_.back());
+  } catch (...) {
+    unwind();
+    throw;
+  }
+  unwind();
+  stats_.nodes_made += m_.ids_handed_out() - first_id;
+  return result;
+}
+
+Rewriter::Rewriter(SexpManager& m) : engine_(std::make_unique<Engine>(m)) {}
+Rewriter::~Rewriter() = default;
+
+void Rewriter::add_rule(const Sexp& pattern, const Sexp& replacement) {
+  engine_->add_rule(pattern, replacement);
+}
+std::size_t Rewriter::rule_count() const noexcept { return engine_->rules_.size(); }
+void Rewriter::set_max_steps(std::uint64_t n) noexcept { engine_->max_steps_ = n; }
+void Rewriter::set_trace(Trace trace) { engine_->trace_ = std::move(trace); }
+void Rewriter::set_memo_limit(std::size_t entries) noexcept { engine_->memo_limit_ = entries; }
+void Rewriter::set_collect_every(std::uint64_t ids) noexcept { engine_->collect_every_ = ids; }
+Sexp Rewriter::normalize(const Sexp& term) { return engine_->normalize(term); }
+const Rewriter::Stats& Rewriter::stats() const noexcept { return engine_->stats_; }
+std::size_t Rewriter::memo_size() const noexcept { return engine_->memo_.size(); }
+SexpManager& Rewriter::manager() const noexcept { return engine_->m_; }
+
+}  // namespace vorn
