@@ -39,6 +39,7 @@ PatternCode::PatternCode(const Sexp_* pattern, const std::function<bool(const Se
                                          : BindingPlace::cdr);
       }
       emit(known.second ? bind : same, reg, known.first->second, 0);
+      if (reg % 2 == 0) needs_node_ = true;  // the whole term, or a cdr
     } else if (n->is_symbol != 0) {
       // The index has checked the head symbol of a headed_list pattern already.
       if (!(reg == 1 && head_.kind == PatternHead::headed_list)) emit(symbol, reg, 0, n->value);

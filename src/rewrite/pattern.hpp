@@ -2,6 +2,7 @@
 #ifndef VORN_SRC_REWRITE_PATTERN_HPP
 #define VORN_SRC_REWRITE_PATTERN_HPP
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <vector>
@@ -65,17 +66,56 @@ class PatternCode {
   /// the rule index (see the class comment).
   bool run(const Sexp_* term, const Sexp_** regs, Sexp_** slots) const noexcept {
     regs[0] = term;
+    return execute<false>(nullptr, 0, regs, slots);
+  }
+
+  /// run() on a list that is not made yet: the elements `elements[0 .. count)` (count at
+  /// least 1) ending in `elements[count]`, as sh_cons would make it. Only for patterns that
+  /// bind no variable at the place of a spine cell (see needs_node()).
+  bool run_unmade(Sexp_* const* elements, std::size_t count, const Sexp_** regs,
+                  Sexp_** slots) const noexcept {
+    regs[0] = unmade_cell(0);
+    return execute<true>(elements, count, regs, slots);
+  }
+
+  /// Whether a variable of the pattern stands where a cdr or the whole term is: such a
+  /// pattern matches only made lists.
+  bool needs_node() const noexcept { return needs_node_; }
+  const PatternHead& head() const noexcept { return head_; }
+  std::uint32_t registers() const noexcept { return registers_; }
+  /// The value of each slot's variable, in slot order.
+  const std::vector<std::uint64_t>& variables() const noexcept { return variables_; }
+  /// Where each slot's variable is bound.
+  const std::vector<BindingPlace>& places() const noexcept { return places_; }
+
+ private:
+  // Registers name the cells of an unmade list by their index, tagged in the low bit
+  // (nodes are 32-byte aligned, so a node's address never has it).
+  static const Sexp_* unmade_cell(std::size_t k) noexcept {
+    return reinterpret_cast<const Sexp_*>((k << 1) | 1);
+  }
+  static bool is_unmade(const Sexp_* n) noexcept { return (reinterpret_cast<std::uintptr_t>(n) & 1) != 0; }
+
+  template <bool Unmade>
+  bool execute(Sexp_* const* elements, std::size_t count, const Sexp_** regs,
+               Sexp_** slots) const noexcept {
     for (const Instr& in : code_) {
       const Sexp_* n = regs[in.reg];
       const std::uint32_t arg = in.op_arg >> 2;
       switch (in.op_arg & 3) {
         case cons:
+          if (Unmade && is_unmade(n)) {
+            const std::size_t k = reinterpret_cast<std::uintptr_t>(n) >> 1;
+            regs[arg] = elements[k];
+            regs[arg + 1] = k + 1 < count ? unmade_cell(k + 1) : elements[count];
+            break;
+          }
           if (n->is_symbol != 0) return false;
           regs[arg] = n->car;
           regs[arg + 1] = n->cdr;
           break;
         case symbol:
-          if (n->is_symbol == 0 || n->value != in.value) return false;
+          if ((Unmade && is_unmade(n)) || n->is_symbol == 0 || n->value != in.value) return false;
           break;
         case bind:
           slots[arg] = const_cast<Sexp_*>(n);
@@ -88,19 +128,12 @@ class PatternCode {
     return true;
   }
 
-  const PatternHead& head() const noexcept { return head_; }
-  std::uint32_t registers() const noexcept { return registers_; }
-  /// The value of each slot's variable, in slot order.
-  const std::vector<std::uint64_t>& variables() const noexcept { return variables_; }
-  /// Where each slot's variable is bound.
-  const std::vector<BindingPlace>& places() const noexcept { return places_; }
-
- private:
   std::vector<Instr> code_;
   std::uint32_t registers_ = 1;
   std::vector<std::uint64_t> variables_;
   std::vector<BindingPlace> places_;
   PatternHead head_;
+  bool needs_node_ = false;
 };
 
 }  // namespace vorn::detail

@@ -62,9 +62,9 @@ class Rewriter::Engine {
   detail::Memo memo_;
   std::size_t memo_limit_ = default_memo_limit;
   std::uint64_t collect_every_ = 0;
-  std::uint64_t collected_at_ = 0;  // the manager's ids_handed_out() at the last collection
-  std::uint64_t collect_after_ = 0; // ids to hand out within a term before collecting again
-  bool collected_once_ = false;     // collected_at_ is set
+  std::uint64_t collected_at_ = 0;   // the manager's ids_handed_out() at the last collection
+  std::uint64_t collect_after_ = 0;  // ids to hand out within a term before collecting again
+  bool collected_once_ = false;      // collected_at_ is set
   std::uint64_t max_steps_ = UINT64_MAX;
   Trace trace_;
   Stats stats_;
@@ -72,31 +72,45 @@ class Rewriter::Engine {
  private:
   // One place of the term being normalised, and the chain of rule applications there.
   //
-  // A frame starts from a term (term_elements: the elements of a list are visited, then
-  // the list is rebuilt from their normal forms) or from a list of a replacement
-  // (list_elements: its items are taken or visited, then the list is built from their
-  // normal forms). The list so made is tried against the rules (match). When a rule
-  // fires, the frame goes on with its replacement in place of the term: a list of the
-  // replacement is normalised by the frame itself, so a chain of rule applications at
+  // A frame starts from a term (term_elements: the elements of a list are visited) or
+  // from a list of a replacement (list_elements: its items are taken or visited). Either
+  // way the normal forms of the elements, then what ends the list, gather on done_ from
+  // `base`: the list to try against the rules (match). A term's list is made with sh_cons
+  // (it is the term itself when no element changed); a replacement's list is made only
+  // where it must be a node: when the memo records it, when it is a normal form, or when
+  // a rule's pattern needs it; otherwise the rules are tried on the elements as they lie.
+  // When a rule fires, the frame goes on with its replacement in place of the list: a list
+  // of the replacement is gathered by the frame itself, so a chain of rule applications at
   // one place, however long, takes one frame; any other replacement is visited and the
-  // frame waits for its normal form (replaced). The frame ends with a normal form, which
-  // the memo records for the term it started from and for the first list it tried.
+  // frame waits for its normal form (replaced). The bindings of the last rule are subterms
+  // of what it matched, which the frame holds: the node (redex), or the elements of an
+  // unmade list, kept on done_ between `start` and `base`. The frame ends with a normal
+  // form, which the memo records for the term it started from and the first list it made.
   enum Stage : unsigned char { term_elements, list_elements, match, replaced };
   struct Frame {
     Sexp_* term;     // held or null: the term the frame started from
-    Sexp_* key;      // held or null: the first list tried, when it is not `term`
-    Sexp_* current;  // held or null: the term being tried (match)
-    Sexp_* redex;    // held or null: the term the last rule matched (bindings are its subterms)
+    Sexp_* key;      // held or null: the first list tried, made and recorded
+    Sexp_* current;  // held or null: the list being tried, when it is made
+    Sexp_* redex;    // held or null: what the last rule matched, when it was made
     union {
       const Sexp_* rest;                 // term_elements: the rest of term's spine
-      const detail::TemplateList* list;  // list_elements: the list being normalised
+      const detail::TemplateList* list;  // list_elements: the list being gathered
     };
-    std::size_t base;            // size of done_ when the elements began
+    std::size_t start;           // size of done_ when the frame began
+    std::size_t base;            // where the elements being gathered start on done_
     std::uint32_t item;          // list_elements: the next item of list
     std::uint32_t bindings;      // list_elements: where the bindings of list's rule start
     std::uint32_t own_bindings;  // size of bindings_ when the frame began
     Stage stage;
-    bool dotted;  // the elements end in a dotted tail, whose normal form is last on done_
+    bool dotted;   // term_elements, list_elements: the dotted tail is being visited
+    bool chained;  // a rule has fired here
+  };
+
+  // How often the lists of one head symbol, once recorded, are met again: the memo
+  // records a replacement's lists while that pays (see wants_key).
+  struct HeadStats {
+    std::uint64_t records = 0;
+    std::uint64_t hits = 0;
   };
 
   static constexpr std::uint32_t no_rule = UINT32_MAX;
@@ -109,12 +123,19 @@ class Rewriter::Engine {
     done_.push_back(nf);
     nf->add_ref();
   }
+  void release_done(std::size_t from) noexcept {
+    while (done_.size() > from) {
+      done_.back()->release();
+      done_.pop_back();
+    }
+  }
   void push_list(const detail::TemplateList* list, std::uint32_t bindings);
-  bool rebuild(Frame& f);
-  bool build_list(Frame& f, Sexp_* tail);
-  bool known_current(Frame& f, bool fresh);
+  bool make_current(Frame& f);
+  bool wants_key(const detail::RuleIndex::Span& candidates) const noexcept;
+  bool try_known(Frame& f, bool fresh);
+  void count_hit(const Sexp_* node) noexcept;
   void finish(Sexp_* nf);
-  std::uint32_t first_match(const Sexp_* term);
+  std::uint32_t first_match(Frame& f);
   void apply(Frame& f, std::uint32_t rule);
   Sexp build_whole(Rule& rule, bool& fresh);
   void unwind() noexcept;
@@ -124,6 +145,7 @@ class Rewriter::Engine {
   std::vector<Frame> work_;
   std::vector<Sexp_*> done_;      // held: normal forms of finished parts, in visiting order
   std::vector<Sexp_*> bindings_;  // bindings of the rules in use: subterms of frames' redexes
+  std::vector<HeadStats> heads_;  // by head symbol number (RuleIndex::Span::head)
 };
 
 void Rewriter::Engine::add_rule(const Sexp& pattern, const Sexp& replacement) {
@@ -188,62 +210,48 @@ void Rewriter::Engine::maintain() {
   }
 }
 
+// A memo hit on a list headed by a symbol the rules name counts for that symbol.
+void Rewriter::Engine::count_hit(const Sexp_* node) noexcept {
+  ++stats_.memo_hits;
+  if (node->is_symbol != 0) return;
+  const std::uint32_t head = index_.list_candidates(node->car).head;
+  if (head != detail::RuleIndex::no_head) ++heads_[head].hits;
+}
+
 // The normal form of `term` on done_ if the memo knows it, else a frame for it. A fresh
 // node (made by the call that gave it) cannot be a key: keys are held, so no key dies and
 // leaves its slot to a new node.
 void Rewriter::Engine::visit(Sexp_* term, bool fresh) {
   if (!fresh) {
     if (Sexp_* nf = memo_.find(term)) {
-      ++stats_.memo_hits;
+      count_hit(term);
       push_done(nf);
       return;
     }
   }
   const bool symbol = term->is_symbol != 0;
-  work_.push_back(Frame{term, nullptr, symbol ? term : nullptr, nullptr, {term}, done_.size(), 0, 0,
+  const std::size_t at = done_.size();
+  work_.push_back(Frame{term, nullptr, symbol ? term : nullptr, nullptr, {term}, at, at, 0, 0,
                         static_cast<std::uint32_t>(bindings_.size()),
-                        symbol ? match : term_elements, false});
+                        symbol ? match : term_elements, false, false});
   term->add_ref();
   if (symbol) term->add_ref();
 }
 
 void Rewriter::Engine::push_list(const detail::TemplateList* list, std::uint32_t bindings) {
-  Frame f{nullptr, nullptr, nullptr, nullptr, {nullptr}, done_.size(), 0, bindings,
-          static_cast<std::uint32_t>(bindings_.size()), list_elements, false};
+  const std::size_t at = done_.size();
+  Frame f{nullptr, nullptr, nullptr, nullptr, {nullptr}, at, at, 0, bindings,
+          static_cast<std::uint32_t>(bindings_.size()), list_elements, false, false};
   f.list = list;
   work_.push_back(f);
 }
 
-// The list the top frame's term is rebuilt into from the normal forms of its elements (and
-// dotted tail), which are on done_ above its base; pops them. Unchanged elements give back
-// the term itself, without building. Returns whether the list is a node made just now.
-bool Rewriter::Engine::rebuild(Frame& f) {
-  bool same = true;
-  std::size_t k = f.base;
-  const Sexp_* p = f.term;
-  for (; p->is_symbol == 0 && same; p = p->cdr) same = done_[k++] == p->car;
-  if (same && f.dotted) same = done_[k] == p;
-  if (same) {
-    while (done_.size() > f.base) {
-      done_.back()->release();
-      done_.pop_back();
-    }
-    f.current = f.term;
-    f.term->add_ref();
-    return false;
-  }
-  Sexp_* tail = f.dotted ? done_.back() : m_.nil().get();
-  if (f.dotted) done_.pop_back();  // its reference goes to build_list
-  else tail->add_ref();
-  return build_list(f, tail);
-}
-
-// Makes f.current the list of the normal forms on done_ above f.base, ending in `tail`,
-// whose reference it takes over; pops them. Each cell is made with sh_cons: a sharing hit
-// when the manager's count of ids handed out does not move. Returns whether the list is
-// a node made just now.
-bool Rewriter::Engine::build_list(Frame& f, Sexp_* tail) {
-  Sexp list = SexpRef::adopt(tail);
+// Makes f.current the list gathered on done_ from f.base (its last entry ends the list)
+// and pops it. Each cell is made with sh_cons: a sharing hit when the manager's count of
+// ids handed out does not move. Returns whether the list is a node made just now.
+bool Rewriter::Engine::make_current(Frame& f) {
+  Sexp list = SexpRef::adopt(done_.back());  // the end's reference goes to the list
+  done_.pop_back();
   bool fresh = false;
   while (done_.size() > f.base) {
     const std::uint64_t before = m_.ids_handed_out();
@@ -257,28 +265,39 @@ bool Rewriter::Engine::build_list(Frame& f, Sexp_* tail) {
   return fresh;
 }
 
-// Sets the frame's key when this is the first list it tries, and looks a list that is not
-// new up in the memo; on a hit, finishes the frame.
-bool Rewriter::Engine::known_current(Frame& f, bool fresh) {
-  if (f.key == nullptr && f.redex == nullptr && f.current != f.term) {
+// Whether the memo is to record a replacement's list with these candidate rules: always
+// while the lists of its head symbol have been recorded fewer than 128 times, and after
+// that while at least one in 16 of those records has been met again.
+bool Rewriter::Engine::wants_key(const detail::RuleIndex::Span& candidates) const noexcept {
+  if (candidates.head == detail::RuleIndex::no_head) return true;
+  const HeadStats& h = heads_[candidates.head];
+  return h.records < 128 || h.hits * 16 >= h.records;
+}
+
+// The frame's list is made now and is its first: it becomes the key, and is looked up in
+// the memo unless it is new; on a hit the frame finishes.
+bool Rewriter::Engine::try_known(Frame& f, bool fresh) {
+  if (!f.chained && f.current != f.term) {
     f.key = f.current;
     f.key->add_ref();
   }
   if (fresh || f.current == f.term) return false;
   Sexp_* nf = memo_.find(f.current);
   if (nf == nullptr) return false;
-  ++stats_.memo_hits;
+  count_hit(f.current);
   finish(nf);
   return true;
 }
 
-// Records `nf` as the normal form of the top frame's term and first list, pops the frame
-// and hands `nf` to the frame below.
+// Records `nf` as the normal form of the top frame's term and key, pops the frame and
+// hands `nf` to the frame below.
 void Rewriter::Engine::finish(Sexp_* nf) {
   Frame& f = work_.back();
+  nf->add_ref();  // first: nf may be held by what the frame lets go of
   if (f.term != nullptr) memo_.record(f.term, nf);
   if (f.key != nullptr) memo_.record(f.key, nf);
-  push_done(nf);
+  release_done(f.start);
+  done_.push_back(nf);
   for (Sexp_* held : {f.term, f.key, f.current, f.redex}) {
     if (held != nullptr) held->release();
   }
@@ -286,11 +305,22 @@ void Rewriter::Engine::finish(Sexp_* nf) {
   work_.pop_back();
 }
 
-std::uint32_t Rewriter::Engine::first_match(const Sexp_* term) {
-  const detail::RuleIndex::Span candidates = index_.candidates(term);
+// The first rule that matches the frame's list, made or not. A pattern that needs a node
+// has the list made first (and the rules after it then match the node).
+std::uint32_t Rewriter::Engine::first_match(Frame& f) {
+  const detail::RuleIndex::Span candidates =
+      f.current != nullptr ? index_.candidates(f.current) : index_.list_candidates(done_[f.base]);
   for (const std::uint32_t* r = candidates.begin; r != candidates.end; ++r) {
     Rule& rule = *rules_[*r];
-    if (rule.match.run(term, registers_.data(), rule.ops.data())) return *r;
+    if (f.current == nullptr) {
+      if (!rule.match.needs_node()) {
+        const std::size_t count = done_.size() - f.base - 1;
+        if (rule.match.run_unmade(&done_[f.base], count, registers_.data(), rule.ops.data())) return *r;
+        continue;
+      }
+      make_current(f);
+    }
+    if (rule.match.run(f.current, registers_.data(), rule.ops.data())) return *r;
   }
   return no_rule;
 }
@@ -319,9 +349,10 @@ Sexp Rewriter::Engine::build_whole(Rule& rule, bool& fresh) {
   return result;
 }
 
-// The top frame's current matched `rule`: the frame goes on with its replacement. The
+// The top frame's list matched `rule`: the frame goes on with its replacement. The
 // bindings move from the rule's operands to bindings_, where the frame's lists find them
-// while other rules fire; they stay alive as subterms of the redex, which the frame holds.
+// while other rules fire; what the rule matched stays held for as long as they are used,
+// in place of what the rule before it matched.
 void Rewriter::Engine::apply(Frame& f, std::uint32_t r) {
   Rule& rule = *rules_[r];
   const std::size_t slots = rule.match.variables().size();
@@ -330,14 +361,23 @@ void Rewriter::Engine::apply(Frame& f, std::uint32_t r) {
   if (f.redex != nullptr) f.redex->release();
   f.redex = f.current;
   f.current = nullptr;
+  if (f.redex != nullptr) {
+    release_done(f.start);
+  } else {  // the unmade list's elements take the place of the last redex's
+    for (std::size_t k = f.start; k < f.base; ++k) done_[k]->release();
+    const auto moved = std::copy(done_.begin() + static_cast<std::ptrdiff_t>(f.base), done_.end(),
+                                 done_.begin() + static_cast<std::ptrdiff_t>(f.start));
+    done_.erase(moved, done_.end());
+  }
+  f.base = done_.size();
+  f.chained = true;
   const detail::TemplateCode& code = rule.build;
   if (trace_ || code.eager()) {
     bool fresh;
     const Sexp whole = build_whole(rule, fresh);
     if (trace_) trace_(r, SexpRef::borrow(f.redex).handle(), whole);
     if (code.eager()) {
-      Frame& top = work_.back();  // the trace may not touch the frames, but f is not reread
-      top.stage = replaced;
+      work_.back().stage = replaced;  // the trace may not touch the frames, but f is not reread
       visit(whole.get(), fresh);
       return;
     }
@@ -347,7 +387,6 @@ void Rewriter::Engine::apply(Frame& f, std::uint32_t r) {
   if (root.kind == detail::TemplateItem::list) {
     top.list = root.sub;
     top.item = 0;
-    top.base = done_.size();
     top.bindings = top.own_bindings;
     top.dotted = false;
     top.stage = list_elements;
@@ -370,14 +409,14 @@ void Rewriter::Engine::unwind() noexcept {
     }
   }
   work_.clear();
-  for (Sexp_* nf : done_) nf->release();
-  done_.clear();
+  release_done(0);
   bindings_.clear();
 }
 
 Sexp Rewriter::Engine::normalize(const Sexp& term) {
   between_terms();
   if (index_stale_) index_rules();
+  heads_.assign(index_.head_count(), HeadStats{});
   const std::uint64_t first_id = m_.ids_handed_out();
   std::uint64_t steps = 0;
   Sexp result;
@@ -398,7 +437,18 @@ Sexp Rewriter::Engine::normalize(const Sexp& term) {
             visit(const_cast<Sexp_*>(f.rest), false);
             continue;
           }
-          if (known_current(f, rebuild(f))) continue;
+          if (!f.dotted) push_done(const_cast<Sexp_*>(f.rest));  // the list's end, nil
+          bool same = true;
+          std::size_t k = f.base;
+          const Sexp_* p = f.term;
+          for (; p->is_symbol == 0 && same; p = p->cdr) same = done_[k++] == p->car;
+          if (same && done_[k] == p) {
+            release_done(f.base);
+            f.current = f.term;
+            f.term->add_ref();
+          } else if (try_known(f, make_current(f))) {
+            continue;
+          }
           f.stage = match;
           break;
         }
@@ -422,26 +472,27 @@ Sexp Rewriter::Engine::normalize(const Sexp& term) {
             }
           }
           if (waiting) continue;
-          Sexp_* tail;
-          const detail::TemplateItem& end = list.tail;
-          if (end.kind == detail::TemplateItem::binding) {
-            tail = bindings_[f.bindings + end.index];
-          } else if (end.node->value == 0 || end.normal) {
-            tail = end.node;
-          } else if (!f.dotted) {
-            f.dotted = true;
-            visit(end.node, false);
+          if (!f.dotted) {
+            const detail::TemplateItem& end = list.tail;
+            Sexp_* node = end.kind == detail::TemplateItem::binding ? bindings_[f.bindings + end.index]
+                                                                     : end.node;
+            if (end.kind == detail::TemplateItem::constant && node->value != 0 && !end.normal) {
+              f.dotted = true;
+              visit(node, false);  // a dotted tail that rules rewrite
+              continue;
+            }
+            push_done(node);
+          }
+          const detail::RuleIndex::Span candidates = index_.list_candidates(done_[f.base]);
+          if (candidates.begin == candidates.end) {  // a normal form: no rule can match it
+            make_current(f);
+            finish(f.current);
             continue;
-          } else {
-            tail = nullptr;  // the dotted tail's normal form, last on done_
           }
-          if (tail != nullptr) {
-            tail->add_ref();
-          } else {
-            tail = done_.back();  // its reference goes to build_list
-            done_.pop_back();
+          if (!f.chained && wants_key(candidates)) {
+            if (candidates.head != detail::RuleIndex::no_head) ++heads_[candidates.head].records;
+            if (try_known(f, make_current(f))) continue;
           }
-          if (known_current(f, build_list(f, tail))) continue;
           f.stage = match;
           break;
         }
@@ -463,8 +514,10 @@ Sexp Rewriter::Engine::normalize(const Sexp& term) {
       // match
       Frame& g = work_.back();
       maintain();
-      const std::uint32_t rule = first_match(g.current);
+      if (trace_ && g.current == nullptr) make_current(g);  // the trace shows it
+      const std::uint32_t rule = first_match(g);
       if (rule == no_rule) {
+        if (g.current == nullptr) make_current(g);
         finish(g.current);
         continue;
       }

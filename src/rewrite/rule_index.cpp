@@ -36,7 +36,7 @@ void RuleIndex::build(const std::vector<PatternHead>& heads) {
   for (const auto& [value, rules] : by_head) head_keys.emplace_back(value, add(any_list, rules));
 
   const auto span = [this](std::pair<std::size_t, std::size_t> at) {
-    return Span{lists_.data() + at.first, lists_.data() + at.second};
+    return Span{lists_.data() + at.first, lists_.data() + at.second, no_head};
   };
   for_symbols_ = span(symbols_at);
   for_lists_ = span(lists_at);
@@ -47,7 +47,7 @@ void RuleIndex::build(const std::vector<PatternHead>& heads) {
     if (keys.empty()) return;
     std::size_t capacity = 2;
     while (capacity < 2 * keys.size()) capacity *= 2;
-    table.assign(capacity, Entry{0, Span{nullptr, nullptr}});
+    table.assign(capacity, Entry{0, Span{nullptr, nullptr, no_head}});
     shift = 64 - static_cast<unsigned>(__builtin_ctzll(capacity));
     for (const auto& [value, at] : keys) {
       std::size_t i = slot_of(value, shift);
@@ -57,6 +57,10 @@ void RuleIndex::build(const std::vector<PatternHead>& heads) {
   };
   fill(symbols_, symbol_shift_, symbol_keys);
   fill(heads_, head_shift_, head_keys);
+  head_count_ = 0;
+  for (Entry& e : heads_) {
+    if (e.rules.begin != nullptr) e.rules.head = head_count_++;
+  }
 }
 
 }  // namespace vorn::detail

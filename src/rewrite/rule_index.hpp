@@ -21,7 +21,14 @@ class RuleIndex {
   struct Span {
     const std::uint32_t* begin;
     const std::uint32_t* end;
+    std::uint32_t head;  // lists headed by a symbol that rules name: that symbol's number
   };
+
+  /// No number: a span for no head symbol the rules name.
+  static constexpr std::uint32_t no_head = UINT32_MAX;
+
+  /// Head symbols the rules name, numbered from 0.
+  std::uint32_t head_count() const noexcept { return head_count_; }
 
   /// Lays out the lists for the rules whose heads these are (one per rule, rule order).
   void build(const std::vector<PatternHead>& heads);
@@ -29,7 +36,12 @@ class RuleIndex {
   /// The rules `term` can meet.
   Span candidates(const Sexp_* term) const noexcept {
     if (term->is_symbol != 0) return find(symbols_, symbol_shift_, term->value, for_symbols_);
-    if (term->car->is_symbol != 0) return find(heads_, head_shift_, term->car->value, for_lists_);
+    return list_candidates(term->car);
+  }
+
+  /// The rules a list whose first element is `head` can meet.
+  Span list_candidates(const Sexp_* head) const noexcept {
+    if (head->is_symbol != 0) return find(heads_, head_shift_, head->value, for_lists_);
     return for_list_heads_;
   }
 
@@ -57,7 +69,9 @@ class RuleIndex {
   std::vector<std::uint32_t> lists_;
   std::vector<Entry> symbols_, heads_;  // keyed by a symbol's value, by a list head's value
   unsigned symbol_shift_ = 64, head_shift_ = 64;
-  Span for_symbols_{}, for_lists_{}, for_list_heads_{};  // terms no key names
+  Span for_symbols_{nullptr, nullptr, no_head}, for_lists_{nullptr, nullptr, no_head},
+      for_list_heads_{nullptr, nullptr, no_head};  // terms no key names
+  std::uint32_t head_count_ = 0;
 };
 
 }  // namespace vorn::detail
