@@ -19,7 +19,17 @@ enum class BindingPlace : std::uint8_t {
   root,  // the whole term: the term a rule matches is no normal form
 };
 
-/// What a pattern asks of the head of a term, which is all the rule index looks at.
+/// What a pattern asks of one element of a list: the symbol of `value`, a list headed by
+/// that symbol, or nothing the index can use (a variable, a list headed otherwise, no
+/// element there).
+struct ElementKey {
+  enum Kind : std::uint8_t { any, symbol, headed };
+  Kind kind = any;
+  std::uint64_t value = 0;
+};
+
+/// What a pattern asks of the head of a term, and of the first elements after it, which
+/// is all the rule index looks at.
 struct PatternHead {
   enum Kind : std::uint8_t {
     anything,     // a variable: every term
@@ -28,8 +38,10 @@ struct PatternHead {
     any_list,     // any cons (the pattern's car is a variable)
     list_list,    // a cons whose car is a cons
   };
+  static constexpr std::size_t keyed_elements = 3;
   Kind kind = anything;
   std::uint64_t value = 0;
+  ElementKey elements[keyed_elements];  // of a list pattern: elements 1, 2, 3 after the head
 };
 
 /// A pattern as straight-line code over a register file of node pointers: register 0 is
@@ -66,7 +78,7 @@ class PatternCode {
   /// the rule index (see the class comment).
   bool run(const Sexp_* term, const Sexp_** regs, Sexp_** slots) const noexcept {
     regs[0] = term;
-    return execute<false>(nullptr, 0, regs, slots);
+    return execute<false>(0, nullptr, 0, regs, slots);
   }
 
   /// run() on a list that is not made yet: the elements `elements[0 .. count)` (count at
@@ -74,8 +86,14 @@ class PatternCode {
   /// bind no variable at the place of a spine cell (see needs_node()).
   bool run_unmade(Sexp_* const* elements, std::size_t count, const Sexp_** regs,
                   Sexp_** slots) const noexcept {
+    if (!element_registers_.empty()) {  // a list ending in nil: its spine is the list's
+      const Sexp_* end = elements[count];
+      if (count != element_registers_.size() || end->is_symbol == 0 || end->value != 0) return false;
+      for (std::size_t k = 0; k < count; ++k) regs[element_registers_[k]] = elements[k];
+      return execute<false>(element_code_, nullptr, 0, regs, slots);
+    }
     regs[0] = unmade_cell(0);
-    return execute<true>(elements, count, regs, slots);
+    return execute<true>(0, elements, count, regs, slots);
   }
 
   /// Whether a variable of the pattern stands where a cdr or the whole term is: such a
@@ -97,9 +115,10 @@ class PatternCode {
   static bool is_unmade(const Sexp_* n) noexcept { return (reinterpret_cast<std::uintptr_t>(n) & 1) != 0; }
 
   template <bool Unmade>
-  bool execute(Sexp_* const* elements, std::size_t count, const Sexp_** regs,
+  bool execute(std::size_t from, Sexp_* const* elements, std::size_t count, const Sexp_** regs,
                Sexp_** slots) const noexcept {
-    for (const Instr& in : code_) {
+    for (auto it = code_.begin() + static_cast<std::ptrdiff_t>(from); it != code_.end(); ++it) {
+      const Instr& in = *it;
       const Sexp_* n = regs[in.reg];
       const std::uint32_t arg = in.op_arg >> 2;
       switch (in.op_arg & 3) {
@@ -129,6 +148,10 @@ class PatternCode {
   }
 
   std::vector<Instr> code_;
+  // For a list pattern ending in nil: the register of each element, and where the code
+  // of the elements starts (the code before it checks the spine).
+  std::vector<std::uint32_t> element_registers_;
+  std::size_t element_code_ = 0;
   std::uint32_t registers_ = 1;
   std::vector<std::uint64_t> variables_;
   std::vector<BindingPlace> places_;

@@ -101,9 +101,12 @@ class Rewriter::Engine {
     std::uint32_t item;          // list_elements: the next item of list
     std::uint32_t bindings;      // list_elements: where the bindings of list's rule start
     std::uint32_t own_bindings;  // size of bindings_ when the frame began
+    std::uint64_t ids_at_start;  // the manager's ids_handed_out() when the frame began
+    std::uint32_t key_head;      // the number of key's head symbol (RuleIndex::Span::head)
     Stage stage;
     bool dotted;   // term_elements, list_elements: the dotted tail is being visited
     bool chained;  // a rule has fired here
+    bool sampled;  // the key is recorded as a sample (see samples_key)
   };
 
   // How often the lists of one head symbol, once recorded, are met again: the memo
@@ -111,6 +114,7 @@ class Rewriter::Engine {
   struct HeadStats {
     std::uint64_t records = 0;
     std::uint64_t hits = 0;
+    std::uint64_t turned_away = 0;
   };
 
   static constexpr std::uint32_t no_rule = UINT32_MAX;
@@ -131,7 +135,8 @@ class Rewriter::Engine {
   }
   void push_list(const detail::TemplateList* list, std::uint32_t bindings);
   bool make_current(Frame& f);
-  bool wants_key(const detail::RuleIndex::Span& candidates) const noexcept;
+  bool wants_key(std::uint32_t head) const noexcept;
+  bool samples_key(std::uint32_t head) noexcept;
   bool try_known(Frame& f, bool fresh);
   void count_hit(const Sexp_* node) noexcept;
   void finish(Sexp_* nf);
@@ -195,18 +200,21 @@ void Rewriter::Engine::between_terms() {
     collected_at_ = now;
   }
   if (now - collected_at_ >= collect_every_) collect();
-  collect_after_ = std::max<std::uint64_t>(collect_every_, m_.canonical_count());
+  collect_after_ = std::max<std::uint64_t>(collect_every_, 2 * m_.canonical_count());
 }
 
 // Within a term, before a list is tried against the rules: the memo kept within its
 // limit, and the manager collected once it has handed out as many ids since the last
 // collection as it then held canonical nodes (collect_every_ at least), so that each
 // collection, linear in the nodes alive plus the garbage, is paid for by as many new ones.
+// A collection retires a memo generation first: an entry not met again for two
+// collections goes, and the collection takes what only it held.
 void Rewriter::Engine::maintain() {
   if (memo_.current_size() > memo_limit_ / 2) memo_.retire(memo_limit_);
   if (collect_every_ != 0 && m_.ids_handed_out() - collected_at_ >= collect_after_) {
+    memo_.retire(memo_limit_);
     collect();
-    collect_after_ = std::max<std::uint64_t>(collect_every_, m_.canonical_count());
+    collect_after_ = std::max<std::uint64_t>(collect_every_, 2 * m_.canonical_count());
   }
 }
 
@@ -232,8 +240,9 @@ void Rewriter::Engine::visit(Sexp_* term, bool fresh) {
   const bool symbol = term->is_symbol != 0;
   const std::size_t at = done_.size();
   work_.push_back(Frame{term, nullptr, symbol ? term : nullptr, nullptr, {term}, at, at, 0, 0,
-                        static_cast<std::uint32_t>(bindings_.size()),
-                        symbol ? match : term_elements, false, false});
+                        static_cast<std::uint32_t>(bindings_.size()), m_.ids_handed_out(),
+                        detail::RuleIndex::no_head, symbol ? match : term_elements, false, false,
+                        false});
   term->add_ref();
   if (symbol) term->add_ref();
 }
@@ -241,7 +250,8 @@ void Rewriter::Engine::visit(Sexp_* term, bool fresh) {
 void Rewriter::Engine::push_list(const detail::TemplateList* list, std::uint32_t bindings) {
   const std::size_t at = done_.size();
   Frame f{nullptr, nullptr, nullptr, nullptr, {nullptr}, at, at, 0, bindings,
-          static_cast<std::uint32_t>(bindings_.size()), list_elements, false, false};
+          static_cast<std::uint32_t>(bindings_.size()), m_.ids_handed_out(), detail::RuleIndex::no_head,
+          list_elements, false, false, false};
   f.list = list;
   work_.push_back(f);
 }
@@ -265,13 +275,25 @@ bool Rewriter::Engine::make_current(Frame& f) {
   return fresh;
 }
 
-// Whether the memo is to record a replacement's list with these candidate rules: always
-// while the lists of its head symbol have been recorded fewer than 128 times, and after
-// that while at least one in 16 of those records has been met again.
-bool Rewriter::Engine::wants_key(const detail::RuleIndex::Span& candidates) const noexcept {
-  if (candidates.head == detail::RuleIndex::no_head) return true;
-  const HeadStats& h = heads_[candidates.head];
-  return h.records < 128 || h.hits * 16 >= h.records;
+// Whether the memo is to record a replacement's list headed by the symbol of number
+// `head`: always while fewer than 32 lists of that head have been recorded, and after
+// that while at least one in 16 of those records has been met again. Asked when the list
+// is gathered (whether to make it, to look it up and record it) and again when its frame
+// finishes (whether to record it after all): records are counted as they are made, and
+// frames finish innermost first, so the first records of a recursion are its smallest.
+bool Rewriter::Engine::wants_key(std::uint32_t head) const noexcept {
+  if (head == detail::RuleIndex::no_head) return true;
+  const HeadStats& h = heads_[head];
+  return h.records < 32 || h.hits * 16 >= h.records;
+}
+
+// wants_key() when a list is gathered, except that one list in 64 that it turns away is
+// recorded all the same, if its frame makes at most 64 nodes on the way to its normal form
+// (a sample should not keep much alive): the records of a head symbol keep telling whether
+// its lists come back, so its lists are recorded again once they do.
+bool Rewriter::Engine::samples_key(std::uint32_t head) noexcept {
+  if (wants_key(head)) return true;
+  return ++heads_[head].turned_away % 64 == 0;
 }
 
 // The frame's list is made now and is its first: it becomes the key, and is looked up in
@@ -295,7 +317,11 @@ void Rewriter::Engine::finish(Sexp_* nf) {
   Frame& f = work_.back();
   nf->add_ref();  // first: nf may be held by what the frame lets go of
   if (f.term != nullptr) memo_.record(f.term, nf);
-  if (f.key != nullptr) memo_.record(f.key, nf);
+  const bool small = m_.ids_handed_out() - f.ids_at_start <= 64;
+  if (f.key != nullptr && (f.sampled ? small : wants_key(f.key_head))) {
+    memo_.record(f.key, nf);
+    if (f.key_head != detail::RuleIndex::no_head) ++heads_[f.key_head].records;
+  }
   release_done(f.start);
   done_.push_back(nf);
   for (Sexp_* held : {f.term, f.key, f.current, f.redex}) {
@@ -308,8 +334,16 @@ void Rewriter::Engine::finish(Sexp_* nf) {
 // The first rule that matches the frame's list, made or not. A pattern that needs a node
 // has the list made first (and the rules after it then match the node).
 std::uint32_t Rewriter::Engine::first_match(Frame& f) {
-  const detail::RuleIndex::Span candidates =
-      f.current != nullptr ? index_.candidates(f.current) : index_.list_candidates(done_[f.base]);
+  detail::RuleIndex::Span candidates;
+  if (f.current != nullptr) {
+    candidates = index_.all_candidates(f.current);
+  } else {
+    candidates = index_.list_candidates(done_[f.base]);
+    const std::size_t count = done_.size() - f.base - 1;
+    for (std::size_t at; (at = detail::RuleIndex::refining_position(candidates)) != 0;) {
+      candidates = index_.refine(candidates, at < count ? done_[f.base + at] : nullptr);
+    }
+  }
   for (const std::uint32_t* r = candidates.begin; r != candidates.end; ++r) {
     Rule& rule = *rules_[*r];
     if (f.current == nullptr) {
@@ -356,18 +390,18 @@ Sexp Rewriter::Engine::build_whole(Rule& rule, bool& fresh) {
 void Rewriter::Engine::apply(Frame& f, std::uint32_t r) {
   Rule& rule = *rules_[r];
   const std::size_t slots = rule.match.variables().size();
-  bindings_.resize(f.own_bindings);
-  bindings_.insert(bindings_.end(), rule.ops.begin(), rule.ops.begin() + static_cast<std::ptrdiff_t>(slots));
+  bindings_.resize(f.own_bindings + slots);
+  for (std::size_t k = 0; k < slots; ++k) bindings_[f.own_bindings + k] = rule.ops[k];
   if (f.redex != nullptr) f.redex->release();
   f.redex = f.current;
   f.current = nullptr;
   if (f.redex != nullptr) {
     release_done(f.start);
   } else {  // the unmade list's elements take the place of the last redex's
+    std::size_t to = f.start;
     for (std::size_t k = f.start; k < f.base; ++k) done_[k]->release();
-    const auto moved = std::copy(done_.begin() + static_cast<std::ptrdiff_t>(f.base), done_.end(),
-                                 done_.begin() + static_cast<std::ptrdiff_t>(f.start));
-    done_.erase(moved, done_.end());
+    for (std::size_t k = f.base; k < done_.size(); ++k) done_[to++] = done_[k];
+    done_.resize(to);
   }
   f.base = done_.size();
   f.chained = true;
@@ -489,8 +523,9 @@ Sexp Rewriter::Engine::normalize(const Sexp& term) {
             finish(f.current);
             continue;
           }
-          if (!f.chained && wants_key(candidates)) {
-            if (candidates.head != detail::RuleIndex::no_head) ++heads_[candidates.head].records;
+          if (!f.chained && samples_key(candidates.head)) {
+            f.key_head = candidates.head;
+            f.sampled = !wants_key(candidates.head);
             if (try_known(f, make_current(f))) continue;
           }
           f.stage = match;

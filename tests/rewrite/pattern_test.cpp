@@ -17,8 +17,8 @@ namespace vorn::detail {
 namespace {
 
 // Random rule lists and terms over a small signature, fixed seeds: the first rule whose
-// compiled pattern matches, among those the index offers, is SexpMatcher's first match,
-// with the same binding for every variable. Patterns are non-linear, have variable and
+// compiled pattern matches, among those the index offers (by head and by an element),
+// is SexpMatcher's first match, with the same binding for every variable. Patterns are non-linear, have variable and
 // list heads, dotted tails and bare variables; terms reuse the patterns' symbols, the
 // variables' names included (in a term they are plain symbols).
 TEST(PatternCode, FindsSexpMatchersFirstRuleAndBindings) {
@@ -63,7 +63,7 @@ TEST(PatternCode, FindsSexpMatchersFirstRuleAndBindings) {
         const Sexp term = parse(m, expr(4, 4 + pick(4)));
         const std::uint64_t want = matcher.match(patterns, term);
         std::uint64_t got = patterns.size();
-        const RuleIndex::Span s = index.candidates(term.get());
+        const RuleIndex::Span s = index.all_candidates(term.get());
         for (const std::uint32_t* r = s.begin; r != s.end && got == patterns.size(); ++r) {
           if (codes[*r].run(term.get(), regs.data(), slots.data())) got = *r;
         }
