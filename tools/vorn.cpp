@@ -43,9 +43,10 @@ using vorn::TextPosition;
 
 constexpr std::uint64_t kDefaultMaxSteps = 1000000;
 // `rewrite` collects its manager between terms once this many node ids have been handed
-// out since it last did: at most this much garbage (4 MiB of node slots, plus the table's
-// entries) waits for collection, and each collection is paid for by the nodes made since.
-constexpr std::uint64_t kCollectEvery = std::uint64_t{1} << 17;
+// out since it last did, and within a long term as the rewriter does (vorn::Rewriter): at
+// most this much garbage (512 KiB of node slots, plus the table's entries) waits between
+// terms, and each collection is paid for by the nodes made since.
+constexpr std::uint64_t kCollectEvery = std::uint64_t{1} << 14;
 
 const char* const kMainHelp = R"(usage: vorn COMMAND [OPTION...] [OPERAND...]
 

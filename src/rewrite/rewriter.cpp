@@ -204,9 +204,9 @@ void Rewriter::Engine::between_terms() {
 }
 
 // Within a term, before a list is tried against the rules: the memo kept within its
-// limit, and the manager collected once it has handed out as many ids since the last
-// collection as it then held canonical nodes (collect_every_ at least), so that each
-// collection, linear in the nodes alive plus the garbage, is paid for by as many new ones.
+// limit, and the manager collected once it has handed out twice as many ids since the
+// last collection as it then held canonical nodes (collect_every_ at least), so that each
+// collection, linear in the nodes alive plus the garbage, is paid for by the new ones.
 // A collection retires a memo generation first: an entry not met again for two
 // collections goes, and the collection takes what only it held.
 void Rewriter::Engine::maintain() {
@@ -315,15 +315,19 @@ bool Rewriter::Engine::try_known(Frame& f, bool fresh) {
 // hands `nf` to the frame below.
 void Rewriter::Engine::finish(Sexp_* nf) {
   Frame& f = work_.back();
-  nf->add_ref();  // first: nf may be held by what the frame lets go of
-  if (f.term != nullptr) memo_.record(f.term, nf);
   const bool small = m_.ids_handed_out() - f.ids_at_start <= 64;
+  if (f.term != nullptr) memo_.record(f.term, nf);
   if (f.key != nullptr && (f.sampled ? small : wants_key(f.key_head))) {
     memo_.record(f.key, nf);
     if (f.key_head != detail::RuleIndex::no_head) ++heads_[f.key_head].records;
   }
-  release_done(f.start);
+  // nf is held first (it may be held only by what the frame lets go of), then takes the
+  // place of the frame's part of done_; nothing below allocates.
   done_.push_back(nf);
+  nf->add_ref();
+  for (std::size_t k = f.start; k + 1 < done_.size(); ++k) done_[k]->release();
+  done_[f.start] = nf;
+  done_.resize(f.start + 1);
   for (Sexp_* held : {f.term, f.key, f.current, f.redex}) {
     if (held != nullptr) held->release();
   }
