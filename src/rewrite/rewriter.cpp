@@ -492,21 +492,23 @@ Sexp Rewriter::Engine::normalize(const Sexp& term) {
         }
         case list_elements: {
           const detail::TemplateList& list = *f.list;
+          // Items in normal form go to done_; at the first that needs a frame of its own
+          // the loop stops, since pushing one may move `f`.
           bool waiting = false;
-          while (f.item < list.count && !waiting) {
+          while (!waiting && f.item < list.count) {
             const detail::TemplateItem& item = list.items[f.item++];
             if (item.kind == detail::TemplateItem::list) {
               push_list(item.sub, f.bindings);
               waiting = true;
-              break;
-            }
-            Sexp_* node = item.kind == detail::TemplateItem::binding ? bindings_[f.bindings + item.index]
-                                                                      : item.node;
-            if (item.normal) {
-              push_done(node);
             } else {
-              visit(node, false);
-              waiting = true;
+              Sexp_* node = item.kind == detail::TemplateItem::binding ? bindings_[f.bindings + item.index]
+                                                                        : item.node;
+              if (item.normal) {
+                push_done(node);
+              } else {
+                visit(node, false);
+                waiting = true;
+              }
             }
           }
           if (waiting) continue;

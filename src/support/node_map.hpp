@@ -18,8 +18,9 @@ namespace vorn::detail {
 /// Keys are addresses, never dereferenced: any non-null pointer (node addresses are
 /// 32-byte aligned, so the low five bits are free for a caller's tag). Entries are only
 /// added, or all removed at once; the map holds no reference, so whoever keeps entries
-/// keeps their nodes alive. The array doubles when an insert would fill it past 3/4
-/// (first size 16 entries); clear() keeps it, release_memory() frees it.
+/// keeps their nodes alive. The array doubles when an insert would fill it past half (a
+/// look-up that misses then reads about two entries; first size 16 entries); clear()
+/// keeps it, release_memory() frees it.
 class NodeMap {
  public:
   struct Entry {
@@ -56,7 +57,7 @@ class NodeMap {
   /// Adds (key, value) for a key that is absent; returns its entry, valid until the next
   /// insert. Throws std::bad_alloc, changing nothing, when the array must grow and cannot.
   Entry* insert_absent(const void* key, Sexp_* value) {
-    if (size_ + 1 > (mask_ + 1) / 4 * 3) grow();
+    if (grows_on_next_insert()) grow();
     std::size_t i = slot_of(key);
     while (entries_[i].key != nullptr) i = (i + 1) & mask_;
     entries_[i] = Entry{key, value};
@@ -65,7 +66,7 @@ class NodeMap {
   }
 
   /// Whether the next insert_absent grows the array.
-  bool grows_on_next_insert() const noexcept { return size_ + 1 > (mask_ + 1) / 4 * 3; }
+  bool grows_on_next_insert() const noexcept { return size_ + 1 > (mask_ + 1) / 2; }
 
   /// Calls visit(entry) for every entry, in array order.
   template <class Visit>

@@ -68,6 +68,26 @@ TEST(PatternCode, FindsSexpMatchersFirstRuleAndBindings) {
           if (codes[*r].run(term.get(), regs.data(), slots.data())) got = *r;
         }
         ASSERT_EQ(got, want) << to_text(term);
+        // A list not made yet, its elements and its end side by side, matches as the list
+        // does, for every pattern that can match such a list.
+        if (!term.is_symbol()) {
+          std::vector<Sexp_*> elements;
+          Sexp_* cell = term.get();
+          for (; cell->is_symbol == 0; cell = cell->cdr) elements.push_back(cell->car);
+          elements.push_back(cell);
+          for (std::size_t r = 0; r < codes.size(); ++r) {
+            const bool other_head = heads[r].kind == PatternHead::headed_list &&
+                                    (!term.car().is_symbol() || term.car().value() != heads[r].value);
+            if (codes[r].needs_node() || other_head) continue;  // the index keeps such pairs apart
+            std::vector<Sexp_*> unmade_slots(3), made_slots(3);
+            const bool unmade = codes[r].run_unmade(elements.data(), elements.size() - 1, regs.data(),
+                                                    unmade_slots.data());
+            EXPECT_EQ(unmade, codes[r].run(term.get(), regs.data(), made_slots.data())) << to_text(term);
+            if (unmade) {
+              EXPECT_EQ(unmade_slots, made_slots) << to_text(term);
+            }
+          }
+        }
         if (got == patterns.size()) continue;
         ++matched;
         const std::vector<std::uint64_t>& vars = codes[got].variables();

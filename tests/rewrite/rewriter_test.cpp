@@ -80,15 +80,17 @@ TEST(Rewriter, InnermostFirstFirstRuleWinsResultsRewrittenAgainAndStepsBounded) 
 
 // The normal form by the definition, without memo: elements first, then the first rule
 // that matches, its replacement normalised again. Recursive: small terms only. Counts the
-// steps; past `limit` gives up (returns null).
-Sexp Reference(SexpManager& m, const std::vector<Sexp>& patterns, const std::vector<Sexp>& replacements,
-               const Sexp& t, std::uint64_t& steps, std::uint64_t limit) {
+// steps; past `limit` gives up (returns null). `matcher` knows every pattern's variables.
+Sexp Reference(SexpManager& m, SexpMatcher& matcher, const std::vector<Sexp>& patterns,
+               const std::vector<Sexp>& replacements, const Sexp& t, std::uint64_t& steps,
+               std::uint64_t limit) {
+  const auto again = [&](const Sexp& e) { return Reference(m, matcher, patterns, replacements, e, steps, limit); };
   Sexp current = t;
   if (!t.is_symbol()) {
     std::vector<Sexp> elements;
     Sexp p = t;
-    for (; !p.is_symbol(); p = p.cdr()) elements.push_back(Reference(m, patterns, replacements, p.car(), steps, limit));
-    Sexp list = p.value() == 0 ? p : Reference(m, patterns, replacements, p, steps, limit);
+    for (; !p.is_symbol(); p = p.cdr()) elements.push_back(again(p.car()));
+    Sexp list = p.value() == 0 ? p : again(p);
     for (const Sexp& e : elements) {
       if (e.is_null()) return Sexp();
     }
@@ -96,15 +98,10 @@ Sexp Reference(SexpManager& m, const std::vector<Sexp>& patterns, const std::vec
     for (auto it = elements.rbegin(); it != elements.rend(); ++it) list = m.sh_cons(*it, list);
     current = list;
   }
-  std::vector<Sexp> vars;
-  for (const Sexp& pattern : patterns) {
-    for (const Sexp& v : variables_of(m, pattern)) vars.push_back(v);
-  }
-  SexpMatcher matcher(vars);
   const std::uint64_t rule = matcher.match(patterns, current);
   if (rule == patterns.size()) return current;
   if (++steps > limit) return Sexp();
-  return Reference(m, patterns, replacements, instantiate(m, replacements[rule], matcher), steps, limit);
+  return again(instantiate(m, replacements[rule], matcher));
 }
 
 // Random rules over a small signature against random terms: the rewriter reaches the normal
@@ -145,10 +142,14 @@ TEST(Rewriter, ReachesTheNormalFormOfTheDefinition) {
       rw.add_rule(p, r);
     }
     rw.set_max_steps(200);
+    SexpMatcher matcher;
+    for (const Sexp& pattern : patterns) {
+      for (const Sexp& v : variables_of(m, pattern)) matcher.add_var(v);
+    }
     for (int k = 0; k < 4; ++k) {
       const Sexp t = parse(m, expr(3, 0));
       std::uint64_t steps = 0;
-      const Sexp want = Reference(m, patterns, replacements, t, steps, 200);
+      const Sexp want = Reference(m, matcher, patterns, replacements, t, steps, 200);
       if (want.is_null()) continue;  // no normal form within the bound
       const std::uint64_t before = rw.stats().steps;
       ASSERT_EQ(to_text(rw.normalize(t)), to_text(want)) << to_text(t);
