@@ -26,10 +26,12 @@
 #include <vector>
 
 #include "builtin_rules.hpp"
-#include "rewriter.hpp"
 #include "stats.hpp"
 #include "vorn/expr/manager.hpp"
 #include "vorn/expr/matcher.hpp"
+#include "vorn/rewrite/load.hpp"
+#include "vorn/rewrite/rewriter.hpp"
+#include "vorn/rewrite/variables.hpp"
 #include "vorn/text/reader.hpp"
 #include "vorn/text/write.hpp"
 
@@ -41,9 +43,10 @@ using vorn::TextPosition;
 
 constexpr std::uint64_t kDefaultMaxSteps = 1000000;
 // `rewrite` collects its manager between terms once this many node ids have been handed
-// out since it last did: at most this much garbage (4 MiB of node slots, plus the table's
-// entries) waits for collection, and each collection is paid for by the nodes made since.
-constexpr std::uint64_t kCollectEvery = std::uint64_t{1} << 17;
+// out since it last did, and within a long term as the rewriter does (vorn::Rewriter): at
+// most this much garbage (512 KiB of node slots, plus the table's entries) waits between
+// terms, and each collection is paid for by the nodes made since.
+constexpr std::uint64_t kCollectEvery = std::uint64_t{1} << 14;
 
 // What `vorn --help` says before and after the list of commands, which comes from the table
 // of commands (kCommands).
@@ -290,24 +293,23 @@ std::vector<Input> expression_inputs(const Options& o, std::size_t first) {
   }
 }
 
-// Each (rule PATTERN REPLACEMENT) form of `input`, added to `rewriter` in order. The
-// whole input is read before any form is checked, so a syntax error anywhere is the one
-// reported.
-void load_rules(SexpManager& m, vorn::tool::Rewriter& rewriter, const Input& input,
-                vorn::Dialect dialect) {
-  std::vector<std::pair<Sexp, TextPosition>> forms;
-  read_input(m, input, dialect,
-             [&](const Sexp& e, const TextPosition& p) { forms.emplace_back(e, p); });
-  const Sexp rule = m.sh_sym(m.make_symbol("rule"));
-  for (const auto& [form, where] : forms) {
-    const bool three = !form.is_symbol() && form.car() == rule && !form.cdr().is_symbol() &&
-                       !form.cdr().cdr().is_symbol() && form.cdr().cdr().cdr() == m.nil();
-    try {
-      if (!three) throw std::invalid_argument("expected (rule PATTERN REPLACEMENT)");
-      rewriter.add_rule(form.cdr().car(), form.cdr().cdr().car());
-    } catch (const std::invalid_argument& e) {
-      throw Failure(at(input, where) + ": " + e.what());
-    }
+// The (rule PATTERN REPLACEMENT) forms of `input`, added to `rewriter` in order. The
+// whole input is read and checked before any rule is added, so a syntax error anywhere is
+// the one reported.
+void load_rules(vorn::Rewriter& rewriter, const Input& input, vorn::Dialect dialect) {
+  InputStream in(input);
+  std::string text;
+  char chunk[1 << 16];
+  while (in.get().read(chunk, sizeof chunk) || in.get().gcount() > 0) {
+    text.append(chunk, static_cast<std::size_t>(in.get().gcount()));
+  }
+  if (in.get().bad()) throw Failure(input.name + ": cannot read");
+  vorn::ReadOptions options;
+  options.dialect = dialect;
+  try {
+    vorn::load_rules(rewriter, text, options);
+  } catch (const vorn::ParseError& e) {
+    throw Failure(at(input, e.line(), e.column()) + ": " + e.message());
   }
 }
 
@@ -408,7 +410,7 @@ int match_command(const Options& o) {
   SexpManager m;
   const Sexp pattern = read_one(m, inputs[0], o.dialect).first;
   const Sexp expr = read_one(m, inputs[1], o.dialect).first;
-  const std::vector<Sexp> variables = vorn::tool::variables_of(m, pattern);
+  const std::vector<Sexp> variables = vorn::variables_of(m, pattern);
   vorn::SexpMatcher matcher(variables);
   if (!matcher.match(pattern, expr)) {
     std::cout << "no match\n";
@@ -429,13 +431,12 @@ int rewrite_command(const Options& o) {
     throw Usage("rewrite needs a RULES-FILE or --builtin", kRewriteHelp);
   }
   SexpManager m;
-  vorn::tool::Rewriter rewriter(m);
+  vorn::Rewriter rewriter(m);
   // The built-in rules and samples are vorn text, whatever the dialect.
   if (builtin) {
-    load_rules(m, rewriter, {Input::text, "<builtin>", vorn::tool::builtin_rules},
-               vorn::Dialect::vorn);
+    load_rules(rewriter, {Input::text, "<builtin>", vorn::tool::builtin_rules}, vorn::Dialect::vorn);
   } else {
-    load_rules(m, rewriter, file_input(o.operands[0]), o.dialect);
+    load_rules(rewriter, file_input(o.operands[0]), o.dialect);
   }
 
   // The terms: operands are read and checked before the first result is written; files
@@ -476,7 +477,7 @@ int rewrite_command(const Options& o) {
     Sexp normal;
     try {
       normal = rewriter.normalize(term);
-    } catch (const vorn::tool::StepLimitExceeded& e) {
+    } catch (const vorn::StepLimitExceeded& e) {
       throw Failure(at(input, where) + ": " + e.what() + " (see --max-steps)");
     }
     spent += std::chrono::steady_clock::now() - start;

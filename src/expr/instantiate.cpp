@@ -1,56 +1,78 @@
 // Filling a template with a matcher's bindings.
 #include "vorn/expr/instantiate.hpp"
 
-#include <functional>
-#include <utility>
+#include <cstdint>
 #include <vector>
 
-#include "vorn/support/hashtable.hpp"
+#include "../support/node_map.hpp"
 
 namespace vorn {
 
 namespace {
 
-// Template node -> the node built for it. The built nodes need no reference here: each
-// is canonical (held by the manager's shared table) or a bound node (held by the
-// matcher, which this call does not change).
-using Built =
-    hsh::Hashtable<std::pair<const Sexp_*, Sexp_*>, hsh::GetKey_pair<const Sexp_*, Sexp_*>,
-                   const Sexp_*, hsh::hash<const Sexp_*>, std::equal_to<const Sexp_*>>;
+// A walk's node and which side of the call it comes from: a template node (bound symbols
+// are replaced) or a node of a bound expression (taken as it is, made canonical). The
+// side is the low bit of the key (nodes are 32-byte aligned).
+const void* key_of(const Sexp_* n, bool bound) {
+  return reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(n) | (bound ? 1 : 0));
+}
 
-Sexp_* built_for(Built& built, const Sexp_* n) { return built.find(n)->second; }
+struct Step {
+  Sexp_* node;
+  bool bound;     // a node of a bound expression
+  bool expanded;  // a cons whose children are pushed
+};
 
 }  // namespace
 
-// Post-order over the template, car before cdr, with the walk's stack on the heap. Each
-// distinct template node is built once, so the cost is linear in the template's
-// distinct nodes, however many paths sharing gives it.
+// Post-order, car side before cdr side, with the walk's stack on the heap; a bound
+// expression is walked where its variable is first met. Each distinct node of either side
+// is built once, so the cost is linear in the distinct nodes of the template and of the
+// expressions bound to the variables it uses, however many paths sharing gives them.
+//
+// Every node built is held (in `held`) until the call returns: a manager that collects by
+// itself may collect while a later node is made, and a canonical node that nothing else
+// holds yet would go with it.
 Sexp instantiate(SexpManager& m, const Sexp& tmpl, const SexpMatcher& bindings) {
-  Built built;
-  std::vector<std::pair<Sexp_*, bool>> stack;  // (node, children already pushed)
-  stack.push_back({tmpl.get(), false});
+  detail::NodeMap built;  // key_of(node, side) -> the canonical node built for it
+  std::vector<Sexp> held;
+  std::vector<Step> stack{{tmpl.get(), false, false}};
+  const auto built_for = [&built](const Sexp_* n, bool bound) {
+    return detail::SexpRef::borrow(built.find(key_of(n, bound))->value);
+  };
+  const auto record = [&](const Step& s, Sexp made) {
+    held.push_back(made);
+    built.insert_absent(key_of(s.node, s.bound), made.get());
+  };
   while (!stack.empty()) {
-    auto& [n, expanded] = stack.back();
-    Sexp_* const node = n;
-    if (built.find(node) != built.end()) {
+    Step& top = stack.back();
+    const Step s = top;
+    if (built.find(key_of(s.node, s.bound)) != nullptr) {
       stack.pop_back();
-    } else if (node->is_symbol != 0) {
-      Sexp made = bindings.get(Sexp(node));
-      if (made.is_null()) made = m.sh_sym(node->value);
-      built.insert({node, made.get()});
-      stack.pop_back();
-    } else if (!expanded) {
-      expanded = true;
-      stack.push_back({node->cdr, false});  // may move the entry `n` refers to
-      stack.push_back({node->car, false});
+    } else if (s.node->is_symbol != 0) {
+      Sexp bound_to;
+      if (!s.bound) bound_to = bindings.get(detail::SexpRef::borrow(s.node).handle());
+      if (bound_to.is_null()) {
+        record(s, m.sh_sym(s.node->value));
+        stack.pop_back();
+      } else if (const auto* e = built.find(key_of(bound_to.get(), true))) {
+        record(s, Sexp(e->value));
+        stack.pop_back();
+      } else {
+        // The bound expression is built first; this step then finds it.
+        stack.push_back({bound_to.get(), true, false});
+      }
+    } else if (!s.expanded) {
+      top.expanded = true;
+      stack.push_back({s.node->cdr, s.bound, false});  // may move `top`
+      stack.push_back({s.node->car, s.bound, false});
     } else {
-      const Sexp made =
-          m.sh_cons(Sexp(built_for(built, node->car)), Sexp(built_for(built, node->cdr)));
-      built.insert({node, made.get()});
+      record(s, m.sh_cons(built_for(s.node->car, s.bound).handle(),
+                          built_for(s.node->cdr, s.bound).handle()));
       stack.pop_back();
     }
   }
-  return Sexp(built_for(built, tmpl.get()));
+  return Sexp(built_for(tmpl.get(), false).get());
 }
 
 }  // namespace vorn

@@ -22,29 +22,29 @@ class NodeIdsExhausted final : public std::bad_alloc {
 
 void SexpManager::throw_ids_exhausted() { throw NodeIdsExhausted(); }
 
-// Reached when next_id == id_stop. Skips the run of snapshot ids starting at next_id; at
+// Reached when id_counter == id_stop. Skips the run of snapshot ids starting at id_counter; at
 // the counter's end takes a new snapshot first. Throws only where no id is free, or where
 // a snapshot cannot be allocated; then the counter is put back where it was, with a
 // note that it stands at its end (the spent snapshot is gone), so the next call comes
 // back here and hands out exactly the id this one would have.
 void SexpManager::skip_live_ids() {
   if (nil_node == nullptr) return;  // the constructor: nil takes id 0
-  const std::uint32_t start = next_id;
-  if (snapshot_lost) next_id = 0;
+  const std::uint32_t start = id_counter;
+  if (snapshot_lost) id_counter = 0;
   try {
     for (bool fresh_snapshot = false;;) {
-      if (next_id == 0 && live_at == live_ids.size()) {  // every id has been handed out
+      if (id_counter == 0 && live_at == live_ids.size()) {  // every id has been handed out
         if (fresh_snapshot) throw_ids_exhausted();       // and every one is in use
         take_live_ids();
         fresh_snapshot = true;
       }
-      while (live_at < live_ids.size() && live_ids[live_at] == next_id) ++next_id, ++live_at;
-      if (next_id != 0 || live_at != live_ids.size()) break;
+      while (live_at < live_ids.size() && live_ids[live_at] == id_counter) ++id_counter, ++live_at;
+      if (id_counter != 0 || live_at != live_ids.size()) break;
     }
   } catch (...) {
     std::vector<std::uint32_t>().swap(live_ids);
     live_at = 0;
-    next_id = id_stop = start;
+    id_counter = id_stop = start;
     snapshot_lost = true;
     throw;
   }
@@ -205,7 +205,8 @@ Sexp& SexpManager::strhash(Sexp& s) {
   auto found = shared_table.find(fresh);
   if (found != shared_table.end()) {
     Sexp_* canonical = *found;
-    --next_id;  // fresh was the last node made: its id is handed out again next
+    --id_counter;  // fresh was the last node made: its id is handed out again next
+    --ids_handed_out_count;
     // If another handle keeps fresh alive, two live nodes will share that id.
     if (fresh->refcount != 1) child_ids_are_identities = false;
     canonical->add_ref();

@@ -63,6 +63,31 @@ TEST(SexpManager, IdsWrapIntoTheGapsBetweenLiveIds) {
   EXPECT_EQ(ids, (std::vector<std::uint32_t>{0xFFFFFFFDu, 5, 11}));
 }
 
+// The counters follow what the manager does and change nothing themselves.
+TEST(SexpManager, CountersReadWhatTheManagerDid) {
+  SexpManager m;
+  const auto counters = [&m] {
+    return Words{m.next_id(), m.ids_handed_out(), m.canonical_count(), m.name_count()};
+  };
+  EXPECT_EQ(counters(), (Words{1, 1, 1, 1}));  // nil and the empty name
+  EXPECT_EQ(counters(), counters());
+  const Sexp a = m.sh_sym(m.make_symbol("a")), plain = m.sym(9);  // ids 1, 2
+  EXPECT_EQ(counters(), (Words{3, 3, 2, 2}));
+  const Sexp pair = m.sh_cons(a, a);  // id 3; a hit makes nothing
+  EXPECT_EQ(m.sh_cons(a, a), pair);
+  Sexp again = m.cons(a, a);  // id 4, given back by the sharing hit
+  m.strhash(again);
+  EXPECT_EQ(counters(), (Words{4, 4, 3, 2}));
+  m.sh_cons(pair, pair);  // id 4 again: garbage, collected with its id not reused
+  EXPECT_EQ(m.collect(), 1u);
+  EXPECT_EQ(counters(), (Words{5, 5, 3, 2}));
+  // Past the counter's end the 32-bit ids start again; the count of ids does not.
+  Internals::set_next_id(m, 0xFFFFFFFFu);
+  m.sym(1), m.sym(2);
+  EXPECT_EQ(m.ids_handed_out(), 7u);
+  EXPECT_LT(m.next_id(), 16u);
+}
+
 TEST(SexpManagerSymbols, InterningAndGrowth) {
   SexpManager m;
   char abc[] = "abc";  // a caller's buffer

@@ -11,11 +11,11 @@
 namespace vorn::detail {
 
 struct SexpManagerInternals {
-  static std::uint32_t& next_id(SexpManager& m) { return m.next_id; }
+  static std::uint32_t& next_id(SexpManager& m) { return m.id_counter; }
   /// Moves the id counter to `id` as if the ids below it had been handed out since the last
   /// snapshot of live ids (or since construction): ids of that snapshot are still skipped.
   static void set_next_id(SexpManager& m, std::uint32_t id) {
-    m.next_id = id;
+    m.id_counter = id;
     m.live_at = static_cast<std::size_t>(
         std::lower_bound(m.live_ids.begin(), m.live_ids.end(), id) - m.live_ids.begin());
     m.id_stop = m.live_at < m.live_ids.size() ? m.live_ids[m.live_at] : 0;

@@ -9,15 +9,23 @@
 namespace vorn {
 
 /// The canonical expression obtained from `tmpl` by replacing every symbol that has a
-/// binding in `bindings` (by value, as SexpMatcher::get finds it) with the node it is
-/// bound to; everything else is rebuilt with sh_sym/sh_cons. With the list form of
-/// SexpMatcher::match this is one rewriting step: match a left-hand side, instantiate
-/// the right-hand side. Iterative (any depth); a subtree shared in `tmpl` is built once,
-/// so the cost is linear in the template's distinct nodes, not in its paths.
+/// binding in `bindings` (by value, as SexpMatcher::get finds it) with the expression it
+/// is bound to. With the list form of SexpMatcher::match this is one rewriting step:
+/// match a left-hand side, instantiate the right-hand side.
 ///
-/// A bound node is put in as it is: the result is canonical when the bound nodes are
-/// (as after matching canonical expressions). `tmpl` must not contain a cycle. With no
-/// bindings this gives the canonical node of `tmpl`'s shape.
+/// The result is canonical whatever the inputs: every node of it is the one sh_sym and
+/// sh_cons give for its shape, so it is the node that parsing its text gives. A bound
+/// expression made of plain nodes (cons, sym), or of nodes of another manager, is
+/// rebuilt canonically in this manager; one that is canonical already is found, not
+/// copied. Nodes are made in post-order, car side first, a bound expression where its
+/// variable is first met. Iterative (any depth); each distinct node of the template and
+/// of the bound expressions it uses is built once, so the cost is linear in those
+/// distinct nodes, not in their paths. Neither `tmpl` nor a bound expression may contain
+/// a cycle. With no bindings this gives the canonical node of `tmpl`'s shape.
+///
+/// Memory exhaustion throws std::bad_alloc; the canonical nodes made before it stay, as
+/// canonical nodes always do. Safe with automatic collection: every node built is held
+/// until the call returns.
 Sexp instantiate(SexpManager& m, const Sexp& tmpl, const SexpMatcher& bindings);
 
 }  // namespace vorn

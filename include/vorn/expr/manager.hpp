@@ -110,7 +110,8 @@ class SexpManager {
   Sexp_* alloc_sexp() {
     ensure_free_id();
     Sexp_* n = ::new (sexp_pool.allocate()) Sexp_();
-    n->id = next_id++;
+    n->id = id_counter++;
+    ++ids_handed_out_count;
     n->mgr = this;
     return n;
   }
@@ -249,6 +250,25 @@ class SexpManager {
   }
   bool auto_collect() const noexcept { return auto_collecting; }
 
+  // ---- counters --------------------------------------------------------------------
+  //
+  // Read-only: they make no node, take no id and move no count, so a host (or a test)
+  // can watch the manager without changing what it watches.
+
+  /// The id the counter stands at: the next node made takes it, except that once the
+  /// counter has reached its end (see Ids in the class comment) that node takes the first
+  /// id from here on that the snapshot of live ids does not rule out.
+  std::uint32_t next_id() const noexcept { return id_counter; }
+  /// Ids handed out since construction, nil's included, less the one each sharing hit of
+  /// strhash gave back: the nodes made, plain and canonical, those given back since
+  /// included. Counts on in 64 bits when the 32-bit ids wrap.
+  std::uint64_t ids_handed_out() const noexcept { return ids_handed_out_count; }
+  /// Canonical nodes: the entries of the shared table, nil included.
+  std::size_t canonical_count() const noexcept { return shared_table.size(); }
+  /// Names interned, the empty name (symbol 0) included: the next make_symbol of a new
+  /// name returns this number.
+  std::size_t name_count() const noexcept { return symbol_names.size(); }
+
  private:
   friend void detail::reclaim(Sexp_*) noexcept;
   friend struct detail::SexpManagerInternals;
@@ -270,10 +290,10 @@ class SexpManager {
   [[noreturn]] static void throw_ids_exhausted();
   void free_names() noexcept;
 
-  // Makes `next_id` an id that no live node has, the one the next node made takes. Only
+  // Makes `id_counter` an id that no live node has, the one the next node made takes. Only
   // the end of the counter or the next id of the snapshot needs a look (out of line).
   void ensure_free_id() {
-    if (next_id == id_stop) skip_live_ids();
+    if (id_counter == id_stop) skip_live_ids();
   }
   void skip_live_ids();
   void take_live_ids();
@@ -335,16 +355,17 @@ class SexpManager {
   }
 
   // Declaration order is construction order.
-  std::uint32_t next_id = 0;  // id of the next node made, once ensure_free_id() ran
-  // next_id == id_stop sends ensure_free_id() the slow way: 0 (the counter's end, where it
-  // wraps) until the first snapshot, then the next id in live_ids at or above next_id, or
+  std::uint32_t id_counter = 0;  // id of the next node made, once ensure_free_id() ran
+  std::uint64_t ids_handed_out_count = 0;  // see ids_handed_out()
+  // id_counter == id_stop sends ensure_free_id() the slow way: 0 (the counter's end, where it
+  // wraps) until the first snapshot, then the next id in live_ids at or above id_counter, or
   // 0 past the last one. Nil's id is 0, so the constructor takes that way once too.
   std::uint32_t id_stop = 0;
   // Sorted distinct ids of the nodes alive when the counter last reached its end; empty
-  // until then. Ids below next_id are used up; those from live_ids[live_at] on are skipped.
+  // until then. Ids below id_counter are used up; those from live_ids[live_at] on are skipped.
   std::vector<std::uint32_t> live_ids;
   std::size_t live_at = 0;
-  bool snapshot_lost = false;         // a snapshot failed: next_id stands for the counter's end
+  bool snapshot_lost = false;         // a snapshot failed: id_counter stands for the counter's end
   SymbolTable symbol_table;           // name copy -> symbol id
   std::vector<char*> symbol_names;    // symbol id -> owned name copy
   MemoryPool<32, false> sexp_pool{1024, 1.0f, 0};  // every node of this manager

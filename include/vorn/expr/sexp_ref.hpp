@@ -31,6 +31,15 @@ class SexpRef {
   /// node then stays alive until that reference is released.
   void own() const noexcept { view.node->add_ref(); }
 
+  /// Takes over the reference `h` holds, leaving `h` null: the caller owns it from now on.
+  static Sexp_* take(Sexp& h) noexcept {
+    Sexp_* n = h.node;
+    h.node = nullptr;
+    return n;
+  }
+  /// A handle that takes over a reference the caller owns on `n` (not null).
+  static Sexp adopt(Sexp_* n) noexcept { return Sexp(n, Sexp::Adopt{}); }
+
  private:
   explicit SexpRef(Sexp_* n) noexcept { view.node = n; }
   Sexp view;  // never releases: the destructor empties it first
