@@ -154,7 +154,7 @@ class IdSet {
 /// or a bitmap heavier than 32 bytes a node.
 class ListingById {
  public:
-  ListingById(const SexpManager* m, Listing& out) noexcept : m_(m), out_(out) {}
+  ListingById(const SexpManager* m, Listing& out) : m_(m), out_(out) {}
 
   bool run(const Sexp* roots, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i) {
@@ -250,7 +250,7 @@ class ListingById {
 /// open is a cycle.
 class ListingByWalk {
  public:
-  explicit ListingByWalk(Listing& out) noexcept : out_(out) {}
+  explicit ListingByWalk(Listing& out) : out_(out) {}
 
   void run(const Sexp* roots, std::size_t n) {
     out_.roots.reserve(n);

@@ -118,8 +118,10 @@ class Encoder {
         if ((r & Listing::atom_tag) != 0) ++uses[r ^ Listing::atom_tag];
     by_rank_.resize(l_.atoms.size());
     std::iota(by_rank_.begin(), by_rank_.end(), 0u);
-    std::stable_sort(by_rank_.begin(), by_rank_.end(),
-                     [&uses](std::uint32_t a, std::uint32_t b) { return uses[a] > uses[b]; });
+    // Not stable_sort: its buffer, when it cannot be had, is done without silently.
+    std::sort(by_rank_.begin(), by_rank_.end(), [&uses](std::uint32_t a, std::uint32_t b) {
+      return uses[a] != uses[b] ? uses[a] > uses[b] : a < b;
+    });
     rank_.resize(l_.atoms.size());
     for (std::uint32_t k = 0; k < by_rank_.size(); ++k) rank_[by_rank_[k]] = k;
   }
