@@ -89,6 +89,8 @@ const Generated generated[] = {
      }},
 };
 
+void PrintTo(const Generated& g, std::ostream* os) { *os << g.name; }
+
 class RoundTrip : public testing::TestWithParam<Generated> {};
 
 TEST_P(RoundTrip, LoadsTheSameNodesHereAndTheSameShapesElsewhere) {
