@@ -1,6 +1,7 @@
 // Listing the distinct nodes under some roots, children before parents.
 #include "listing.hpp"
 
+#include <algorithm>
 #include <cassert>
 #include <memory>
 #include <stdexcept>
@@ -22,8 +23,6 @@ void check_count(std::size_t n) {
   if (n > max_count) throw std::length_error("vorn: more than 2^31 - 1 distinct atoms or conses");
 }
 
-// Only a macro, or a function inlined always, keeps its prefetch: see hsh::detail::prefetch.
-#define prefetch(p) __builtin_prefetch(p)
 
 inline unsigned popcount(std::uint64_t x) noexcept {
   x -= (x >> 1) & 0x5555555555555555ull;
@@ -143,6 +142,38 @@ class IdSet {
 
 // ---- in id order -----------------------------------------------------------------------
 
+/// The conses reached, in order. push_if() writes its slot whether it keeps the node or
+/// not, so that keeping it (a fresh id) takes no branch: a branch on a bitmap bit still on
+/// its way from memory is mispredicted half the time, and each misprediction throws away
+/// the loads in flight behind it.
+class Queue {
+ public:
+  std::size_t size() const noexcept { return size_; }
+  const Sexp_* operator[](std::size_t i) const noexcept { return slots_[i]; }
+  /// Room for two more push_if() calls.
+  void reserve_two() {
+    if (size_ + 2 <= capacity_) return;
+    capacity_ = capacity_ < 16 ? 16 : 2 * capacity_;
+    std::unique_ptr<const Sexp_*[]> bigger(new const Sexp_*[capacity_]);
+    std::copy(slots_.get(), slots_.get() + size_, bigger.get());
+    slots_.swap(bigger);
+  }
+  void push_if(const Sexp_* x, bool keep) noexcept {
+    slots_[size_] = x;
+    size_ += keep ? 1 : 0;
+  }
+
+ private:
+  std::unique_ptr<const Sexp_*[]> slots_;
+  std::size_t size_ = 0, capacity_ = 0;
+};
+
+// Both cache lines a node may straddle (a slot starts 8 bytes past a 16-byte boundary).
+inline void prefetch_node(const Sexp_* n) noexcept {
+  __builtin_prefetch(n);
+  __builtin_prefetch(reinterpret_cast<const char*>(n) + sizeof(Sexp_) - 1);
+}
+
 /// The listing in id order, for nodes of one manager whose ids are unique. Every node is
 /// read once, breadth first: the queue of conses to read is known ahead, so their lines,
 /// then their children's, are asked of memory several at a time instead of one after
@@ -158,22 +189,24 @@ class ListingById {
 
   bool run(const Sexp* roots, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i) {
-      if (i + ahead < n) prefetch(roots[i + ahead].get());
+      if (i + ahead < n) prefetch_node(roots[i + ahead].get());
       const Sexp_* r = roots[i].get();
       assert(r != nullptr && "save or copy of a null handle");
+      queue_.reserve_two();
       see(r);
       root_ids_.push_back(r->id);
     }
     for (std::size_t head = 0; head < queue_.size(); ++head) {
-      if (head + 2 * ahead < queue_.size()) prefetch(queue_[head + 2 * ahead]);
+      if (head + 2 * ahead < queue_.size()) prefetch_node(queue_[head + 2 * ahead]);
       if (head + ahead < queue_.size()) {
         const Sexp_* later = queue_[head + ahead];
-        prefetch(later->car);
-        prefetch(later->cdr);
+        prefetch_node(later->car);
+        prefetch_node(later->cdr);
       }
       const Sexp_* v = queue_[head];
       const Sexp_* a = v->car;
       const Sexp_* d = v->cdr;
+      queue_.reserve_two();
       see(a);
       see(d);
       records_.push_back({v->id, a->id, d->id});
@@ -195,12 +228,9 @@ class ListingById {
   // m_ (the check costs no branch here); a node of another manager ends the listing anyway.
   void see(const Sexp_* x) {
     foreign_ |= x->mgr != m_;
-    if (!ids_.insert(x->id)) return;
-    if (x->is_symbol != 0) {
-      new_atom(x);
-    } else {
-      queue_.push_back(x);
-    }
+    const bool fresh = ids_.insert(x->id), atom = x->is_symbol != 0;
+    queue_.push_if(x, fresh & !atom);
+    if (fresh & atom) new_atom(x);  // rare: a predictable branch
   }
   __attribute__((noinline)) void new_atom(const Sexp_* x) {
     atom_index_.insert(x->id, static_cast<std::uint32_t>(out_.atoms.size()));
@@ -238,7 +268,7 @@ class ListingById {
   bool foreign_ = false;                // a node of another manager (or of none) was reached
   IdSet ids_;                           // of every node reached; of the conses, once numbered
   OpenMap atom_index_;                  // atom id -> index
-  std::vector<const Sexp_*> queue_;     // conses reached, in the order they were
+  Queue queue_;                         // conses reached, in the order they were
   std::vector<Record> records_;         // of queue_[k], once read
   std::vector<std::uint32_t> root_ids_;
 };
