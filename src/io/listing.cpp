@@ -182,7 +182,7 @@ inline void prefetch_node(const Sexp_* n) noexcept {
 /// can wait (that each node is of this manager, that children's ids are the smaller) is
 /// checked after it. run() gives up (false) at a node of another manager, a
 /// cons child whose id is not below its parent's (id order is then no order for the file),
-/// or a bitmap heavier than 32 bytes a node.
+/// or a bitmap heavier than 256 bytes a node reached.
 class ListingById {
  public:
   ListingById(const SexpManager* m, Listing& out) : m_(m), out_(out) {}
@@ -195,6 +195,7 @@ class ListingById {
       queue_.reserve_two();
       see(r);
       root_ids_.push_back(r->id);
+      if (i % 1024 == 0 && too_heavy()) return false;
     }
     for (std::size_t head = 0; head < queue_.size(); ++head) {
       if (head + 2 * ahead < queue_.size()) prefetch_node(queue_[head + 2 * ahead]);
@@ -236,8 +237,10 @@ class ListingById {
     atom_index_.insert(x->id, static_cast<std::uint32_t>(out_.atoms.size()));
     out_.atoms.push_back(x);
   }
+  // The bitmap may cost 256 bytes a node reached, and 1 MiB more: roots spread over a
+  // large manager make many pages at first, which the nodes found later fill.
   bool too_heavy() const noexcept {
-    return ids_.bytes() > (std::size_t{1} << 20) + 32 * (queue_.size() + out_.atoms.size());
+    return ids_.bytes() > (std::size_t{1} << 20) + 256 * (queue_.size() + out_.atoms.size());
   }
 
   // A reached node's reference: an id that is no cons's is an atom's.
