@@ -1,6 +1,6 @@
 // Everything public in vorn: pools, hash table, nodes and handles, the manager,
-// printing, the matcher, instantiation, reading and writing text (whole or streamed), and
-// rewriting terms with rules.
+// printing, the matcher, instantiation, reading and writing text (whole or streamed), the
+// binary format and copying between managers, and rewriting terms with rules.
 #ifndef VORN_VORN_HPP
 #define VORN_VORN_HPP
 
@@ -17,5 +17,7 @@
 #include "vorn/rewrite/variables.hpp"
 #include "vorn/rewrite/rewriter.hpp"
 #include "vorn/rewrite/load.hpp"
+#include "vorn/io/binary.hpp"
+#include "vorn/io/copy.hpp"
 
 #endif  // VORN_VORN_HPP
