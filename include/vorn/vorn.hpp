@@ -1,5 +1,6 @@
 // Everything public in vorn: pools, hash table, nodes and handles, the manager,
-// printing, the matcher, instantiation, and reading and writing text (whole or streamed).
+// printing, the matcher, instantiation, reading and writing text (whole or streamed), the
+// binary format and copying between managers.
 #ifndef VORN_VORN_HPP
 #define VORN_VORN_HPP
 
@@ -13,5 +14,7 @@
 #include "vorn/text/parse.hpp"
 #include "vorn/text/write.hpp"
 #include "vorn/text/reader.hpp"
+#include "vorn/io/binary.hpp"
+#include "vorn/io/copy.hpp"
 
 #endif  // VORN_VORN_HPP

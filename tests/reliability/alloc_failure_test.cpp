@@ -31,6 +31,14 @@ using I = detail::SexpManagerInternals;
 using test::MallocProbe;
 constexpr std::size_t node_chunk_bytes = 8 + 1024 * 32;  // no other allocation here has this size
 
+// Expressions of another manager, and their binary data, made before any call is counted.
+struct Elsewhere {
+  SexpManager m;
+  std::vector<Sexp> roots;
+  std::string saved;
+};
+const Elsewhere& elsewhere();
+
 // What a workload holds. Its own containers are reserved before any call is counted.
 struct World {
   std::optional<SexpManager> m;
@@ -38,8 +46,9 @@ struct World {
   std::vector<unsigned long> ids;
   std::optional<SexpMatcher> mt;
   std::string out;  // what the steps produced, with ids and counts masked
+  std::string saved;  // binary data
   std::size_t k = 0;
-  World() { h.reserve(1200), ids.reserve(100), out.reserve(1 << 20); }
+  World() { h.reserve(1200), ids.reserve(100), out.reserve(1 << 20), saved.reserve(1 << 16), elsewhere(); }
 
   // A node left behind by a failure shifts later ids and counts: (hex) digits are masked.
   // A step's output goes out whole or not at all, since a failed step is run again.
@@ -132,6 +141,17 @@ std::string labelled() {  // a list of 24 shared lists, each labelled and referr
 }
 const std::string assorted = "; note\n(a b . c) () |x\\|y| #42 (|| |#7| \\\\z)" + pattern;
 
+const Elsewhere& elsewhere() {
+  static Elsewhere e;
+  if (e.roots.empty()) {
+    e.roots = parse_all(e.m, "(other \"s\" #5 |x y|) (a (b c)) " + deep);
+    std::ostringstream os;
+    save(os, e.roots);
+    e.saved = os.str();
+  }
+  return e;
+}
+
 const std::vector<Workload> workloads = {
     {"PlainNodes",
      {{fixed, [](World& w) { w.h.push_back(w.m->sym(w.h.size() + 1)); }, 1023},
@@ -200,6 +220,34 @@ const std::vector<Workload> workloads = {
       {fixed, [](World& w) { I::set_next_id(*w.m, 0xFFFFFFF0u); }},
       {sharing, extend, 40},
       {fixed, write_all}}},
+    {"BinaryAndCopy",  // new nodes from another manager's data and nodes, then our own
+     {{building, [](World& w) { w.build(assorted); }},
+      {building,
+       [](World& w) {
+         std::istringstream is(elsewhere().saved);
+         std::string s;
+         for (const Sexp& e : load(*w.m, is)) s += to_text(e);
+         w.put(s);
+       }},
+      {building,
+       [](World& w) {
+         std::string s;
+         for (const Sexp& e : copy(*w.m, elsewhere().roots)) s += to_text(e);
+         w.put(s);
+       }},
+      {fixed,
+       [](World& w) {
+         std::ostringstream os;
+         save(os, w.h);
+         if (os.bad()) throw std::bad_alloc();
+         w.saved = os.str();
+       }},
+      {building,
+       [](World& w) {
+         std::istringstream is(w.saved);
+         w.put(load(*w.m, is) == w.h ? "same" : "other");
+       }},
+      {building, [](World& w) { w.put(copy(*w.m, w.h) == w.h ? "same" : "other"); }}}},
     {"Parsing",
      {{building, [](World& w) { w.build(assorted); }},
       {fixed, write_all},

@@ -22,6 +22,7 @@ namespace vorn {
 namespace detail {
 struct SexpManagerInternals;  // white-box access for the library's own tests
 struct ReaderAccess;          // the text reader's entry points (src/text/text_pass.hpp)
+struct IoAccess;              // the binary loader's and copy's entry points (src/io/io_access.hpp)
 }  // namespace detail
 
 /// Makes every node, stamps it with an id, interns symbol names and keeps one
@@ -253,6 +254,7 @@ class SexpManager {
   friend void detail::reclaim(Sexp_*) noexcept;
   friend struct detail::SexpManagerInternals;
   friend struct detail::ReaderAccess;
+  friend struct detail::IoAccess;
 
   // make_symbol of a name the caller has measured and hashed: `len` bytes at `name`, none
   // of them NUL (no terminator needed), `h` their hash<char*>. Every effect is make_symbol's

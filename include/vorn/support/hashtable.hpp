@@ -69,7 +69,13 @@ inline std::uint64_t bucket_index(std::uint64_t h, std::size_t k) noexcept {
 }
 static_assert(prime_count == 28, "bucket_index has one case per entry of primes");
 
-/// Asks for the cache line at `p` ahead of its use; never faults, whatever `p` is.
+/// Asks for the cache line at `p` ahead of its use; never faults, whatever `p` is. Always
+/// inlined: GCC takes a function that only prefetches for one without effects and drops a
+/// call to it (with the prefetch) unless it has inlined the call first; so does any
+/// function that only prefetches through this one.
+#if defined(__GNUC__)
+__attribute__((always_inline))
+#endif
 inline void prefetch(const void* p) noexcept { __builtin_prefetch(p); }
 
 /// A hash functor may offer `static void prefetch(const Key&, int stage)`: stage 0 asks
@@ -260,6 +266,26 @@ class Hashtable {
     if (count == 0) return nullptr;
     Bucket* b = walk(bucket_of(h), matches);
     return b != nullptr ? &b->item : nullptr;
+  }
+
+  /// A hint for owners that know a look-up of hash `h` ahead; changes nothing. Stage 0 asks
+  /// memory for its bucket; stage 1, once that has had time to arrive, for the first node
+  /// of the chain there; stage 2, later still, for what hashing that node's key reads first.
+  /// Always inlined, as detail::prefetch is.
+#if defined(__GNUC__)
+  __attribute__((always_inline))
+#endif
+  void prefetch(std::uint64_t h, int stage) const noexcept {
+    const std::uint64_t i = bucket_of(h);
+    if (stage == 0) {
+      detail::prefetch(&buckets[i]);
+    } else if (const Bucket* b = buckets[i]) {
+      if (stage == 1) {
+        detail::prefetch(b);
+      } else {
+        detail::KeyPrefetch<Hash, Key>::run(GetKey()(b->item), 0);
+      }
+    }
   }
 
   /// insert() of an element whose key is known to be absent and whose hash is `h`:

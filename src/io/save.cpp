@@ -1,0 +1,220 @@
+// Writing expressions in the binary format.
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "bit_code.hpp"
+#include "checksum.hpp"
+#include "format.hpp"
+#include "listing.hpp"
+#include "vorn/io/binary.hpp"
+
+namespace vorn {
+
+namespace {
+
+using namespace detail::binary;
+using detail::Listing;
+
+/// Bytes to a stream in pieces of 64 KiB, summed on their way.
+class Sink {
+ public:
+  explicit Sink(std::ostream& out) : out_(out), buf_(std::size_t{1} << 16) {}
+
+  void bytes(const unsigned char* p, std::size_t n) {
+    while (n > 0) {
+      if (used_ == buf_.size()) flush();
+      const std::size_t k = std::min(n, buf_.size() - used_);
+      std::memcpy(buf_.data() + used_, p, k);
+      used_ += k;
+      p += k;
+      n -= k;
+    }
+  }
+  void bytes(const std::string& s) { bytes(reinterpret_cast<const unsigned char*>(s.data()), s.size()); }
+  void number(std::uint64_t v) {
+    unsigned char b[10];
+    std::size_t n = 0;
+    for (; v >= 0x80; v >>= 7) b[n++] = static_cast<unsigned char>(v | 0x80);
+    b[n++] = static_cast<unsigned char>(v);
+    bytes(b, n);
+  }
+  /// Writes what is buffered, then the checksum of everything.
+  void finish() {
+    flush();
+    const std::uint64_t sum = sum_.value();
+    unsigned char b[8];
+    for (unsigned i = 0; i < 8; ++i) b[i] = static_cast<unsigned char>(sum >> (8 * i));
+    out_.write(reinterpret_cast<const char*>(b), 8);
+  }
+
+ private:
+  void flush() {
+    sum_.update(buf_.data(), used_);
+    out_.write(reinterpret_cast<const char*>(buf_.data()), static_cast<std::streamsize>(used_));
+    used_ = 0;
+  }
+
+  std::ostream& out_;
+  std::vector<unsigned char> buf_;
+  std::size_t used_ = 0;
+  Checksum sum_;
+};
+
+void append_number(std::string& s, std::uint64_t v) {
+  for (; v >= 0x80; v >>= 7) s += static_cast<char>(v | 0x80);
+  s += static_cast<char>(v);
+}
+
+enum Context : unsigned { car_refs, cdr_refs, root_refs };
+constexpr unsigned alphabet[3] = {child_symbols, child_symbols, root_symbols};
+
+/// Writes one listing: atoms ranked by use, then two passes over the references, one to
+/// count each code's symbols and fit the codes, one to write them.
+class Encoder {
+ public:
+  explicit Encoder(const Listing& l) : l_(l) {}
+
+  void write(std::ostream& out) {
+    rank_atoms();
+    const std::string atoms = atom_section();
+    const std::uint64_t bits = fit_codes();
+    Sink sink(out);
+    sink.bytes(reinterpret_cast<const unsigned char*>(binary_magic.data()), binary_magic.size());
+    const unsigned char version = format_version;
+    sink.bytes(&version, 1);
+    for (const std::uint64_t n : {std::uint64_t{l_.atoms.size()}, std::uint64_t{l_.conses()},
+                                  std::uint64_t{l_.roots.size()}, std::uint64_t{atoms.size()},
+                                  (bits + 7) / 8})
+      sink.number(n);
+    sink.bytes(atoms);
+    BitWriter<Sink> w(sink);
+    for (unsigned c = 0; c < 3; ++c) {
+      if (!used(static_cast<Context>(c))) continue;
+      for (unsigned s = 0; s < alphabet[c]; ++s) {
+        const unsigned length = code_[c].length(s);
+        w.put(length == 0 ? 0 : 1 | length << 1, length == 0 ? 1 : 1 + length_bits);
+      }
+    }
+    each_reference([&](Context c, const Class& k, std::uint64_t v) {
+      w.put(code_[c].bits(k.symbol), code_[c].length(k.symbol));
+      w.put_offset(k.hi - k.lo + 1, v - k.lo);
+    });
+    w.finish();
+    sink.finish();
+  }
+
+ private:
+  bool used(Context c) const noexcept { return c == root_refs ? !l_.roots.empty() : l_.conses() != 0; }
+
+  // Atoms most referenced first (then in listing order), so the common ones code short.
+  void rank_atoms() {
+    std::vector<std::uint64_t> uses(l_.atoms.size(), 0);
+    for (const auto* refs : {&l_.refs, &l_.roots})
+      for (const std::uint32_t r : *refs)
+        if ((r & Listing::atom_tag) != 0) ++uses[r ^ Listing::atom_tag];
+    by_rank_.resize(l_.atoms.size());
+    std::iota(by_rank_.begin(), by_rank_.end(), 0u);
+    // Not stable_sort: its buffer, when it cannot be had, is done without silently.
+    std::sort(by_rank_.begin(), by_rank_.end(), [&uses](std::uint32_t a, std::uint32_t b) {
+      return uses[a] != uses[b] ? uses[a] > uses[b] : a < b;
+    });
+    rank_.resize(l_.atoms.size());
+    for (std::uint32_t k = 0; k < by_rank_.size(); ++k) rank_[by_rank_[k]] = k;
+  }
+
+  std::string atom_section() const {
+    std::string s;
+    for (const std::uint32_t j : by_rank_) {
+      const Sexp_* a = l_.atoms[j];
+      const SexpManager* m = a->mgr;
+      if (const char* name = m != nullptr ? m->get_symbol_value(a->value) : nullptr) {
+        const std::size_t n = std::strlen(name);
+        append_number(s, std::uint64_t{n} << 2 | name_atom);
+        s.append(name, n);
+      } else if (const auto str = m != nullptr ? m->get_string(a->value) : std::nullopt) {
+        append_number(s, std::uint64_t{str->size()} << 2 | string_atom);
+        s.append(str->data(), str->size());
+      } else {
+        append_number(s, raw_atom);
+        append_number(s, a->value);
+      }
+    }
+    return s;
+  }
+
+  // Counts the symbols of each code, fits the codes and returns the bits of the code section.
+  std::uint64_t fit_codes() {
+    std::uint64_t freq[3][PrefixCode::max_symbols] = {};
+    std::uint64_t bits = 0;
+    each_reference([&](Context c, const Class& k, std::uint64_t v) {
+      ++freq[c][k.symbol];
+      bits += offset_bits(k.hi - k.lo + 1, v - k.lo);
+    });
+    for (unsigned c = 0; c < 3; ++c) {
+      code_[c] = PrefixCode::fitted(freq[c], alphabet[c]);
+      for (unsigned s = 0; s < alphabet[c]; ++s) {
+        const unsigned length = code_[c].length(s);
+        if (used(static_cast<Context>(c))) bits += length == 0 ? 1 : 1 + length_bits;
+        bits += freq[c][s] * length;
+      }
+    }
+    return bits;
+  }
+
+  // Calls visit(context, class, value) for every reference in the order they are written.
+  template <class Visit>
+  void each_reference(Visit visit) const {
+    const std::uint64_t atoms = l_.atoms.size(), conses = l_.conses();
+    const std::uint32_t* refs = l_.refs.data();
+    for (std::uint64_t i = 0; i < conses; ++i) {
+      for (const Context c : {car_refs, cdr_refs}) {
+        const std::uint32_t r = refs[2 * i + c];
+        if ((r & Listing::atom_tag) != 0) {
+          const std::uint64_t v = rank_[r ^ Listing::atom_tag] + 1;
+          visit(c, atom_class(v, atoms), v);
+        } else {
+          visit(c, distance_class(i - r, i), i - r);
+        }
+      }
+    }
+    std::int64_t previous = -1;  // the last cons root
+    for (const std::uint32_t r : l_.roots) {
+      if ((r & Listing::atom_tag) != 0) {
+        const std::uint64_t v = rank_[r ^ Listing::atom_tag] + 1;
+        visit(root_refs, atom_class(v, atoms), v);
+        continue;
+      }
+      const std::int64_t p = r;
+      const bool after = p > previous;
+      const auto v = static_cast<std::uint64_t>(after ? p - previous : previous - p + 1);
+      const unsigned length = bit_length(v);
+      const std::uint64_t limit =
+          static_cast<std::uint64_t>(after ? static_cast<std::int64_t>(conses) - 1 - previous : previous + 1);
+      visit(root_refs, class_of(atom_symbols + (after ? 0 : 32) + length - 1, length, limit), v);
+      previous = p;
+    }
+  }
+
+  const Listing& l_;
+  std::vector<std::uint32_t> by_rank_;  // rank -> atom index
+  std::vector<std::uint32_t> rank_;     // atom index -> rank
+  PrefixCode code_[3];
+};
+
+}  // namespace
+
+bool is_binary(std::string_view first_bytes) noexcept {
+  const std::size_t n = std::min(first_bytes.size(), binary_magic.size());
+  return n > 0 && first_bytes.substr(0, n) == binary_magic.substr(0, n);
+}
+
+void save(std::ostream& out, const std::vector<Sexp>& roots) {
+  const Listing listing = detail::list_nodes(roots.data(), roots.size());
+  Encoder(listing).write(out);
+}
+
+}  // namespace vorn
