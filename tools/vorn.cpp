@@ -561,7 +561,8 @@ void load_binary(SexpManager& m, const Input& input, std::istream& in, std::vect
     try {
       for (const Sexp& e : vorn::load(m, data)) roots.push_back(e);
     } catch (const vorn::FormatError& e) {
-      throw Failure(input.name + ": byte " + std::to_string(base + e.offset()) + ": " + e.message());
+      throw Failure(input.name + ": byte " + std::to_string(base + e.offset()) + ": " +
+                    e.message());
     }
   }
 }
