@@ -17,10 +17,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <new>
 #include <sstream>
@@ -28,6 +26,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <unistd.h>
 
 #include "builtin_rules.hpp"
 #include "rewriter.hpp"
