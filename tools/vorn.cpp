@@ -1,5 +1,6 @@
-// vorn: print, match and rewrite S-expressions from the command line, and show what files
-// cost as trees and as canonical nodes.
+// vorn: print, match and rewrite S-expressions from the command line, convert them between
+// text, labelled text and the binary format, and show what files cost as trees and as
+// canonical nodes.
 //
 // Exit status 0 on success (for `match`: a match), 1 when `match` finds none, 2 on any
 // error. Errors go to standard error as "vorn: WHERE:LINE:COLUMN: message", where WHERE is
@@ -8,7 +9,8 @@
 // are read and checked before any result is written; files and standard input are read one
 // expression at a time, `rewrite` writing each result before reading on, so an error there
 // comes after the results of the terms before it. A term that exceeds --max-steps stops
-// the command with no line for it.
+// the command with no line for it. Binary data that does not load is reported as
+// "vorn: WHERE: byte OFFSET: message", the offset counted from the input's first byte.
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -25,10 +27,13 @@
 #include <utility>
 #include <vector>
 
+#include <unistd.h>
+
 #include "builtin_rules.hpp"
 #include "stats.hpp"
 #include "vorn/expr/manager.hpp"
 #include "vorn/expr/matcher.hpp"
+#include "vorn/io/binary.hpp"
 #include "vorn/rewrite/load.hpp"
 #include "vorn/rewrite/rewriter.hpp"
 #include "vorn/rewrite/variables.hpp"
@@ -55,16 +60,19 @@ const char* const kMainHelpEnd = R"(
 Options:
   --dialect NAME  (every command) read text, and write results, in dialect NAME: vorn
                   (the default), smtlib or scheme
-  -f FILE         (print, match, rewrite) the expressions of FILE ('-': standard input)
-                  where the command takes expressions: all of them for print and
-                  rewrite, exactly one for match; files and operands count in the order
-                  given
+  -f FILE         (print, match, rewrite, convert) the expressions of FILE ('-':
+                  standard input) where the command takes expressions: all of them for
+                  print, rewrite and convert, exactly one for match; files and operands
+                  count in the order given
+  --shared        (match, rewrite) write results with labels: #N= before a subexpression
+                  met again, #N# where it is met again
 
 Expressions are written as text: (a b c) is a list, () is nil, (a . b) a pair, a word
 is a symbol, |any text| the symbol of that name (with \| and \\ inside), #7 the symbol
-of value 7, and ; starts a comment. Symbols named ?NAME are pattern variables. Errors
-say where: "vorn: WHERE:LINE:COLUMN: message", WHERE being a file, <arg N> for the N-th
-operand or <stdin>.
+of value 7, #0=(x) labels a subexpression that #0# stands for later, and ; starts a
+comment. Symbols named ?NAME are pattern variables. Errors say where: "vorn:
+WHERE:LINE:COLUMN: message", WHERE being a file, <arg N> for the N-th operand or
+<stdin>, or "vorn: WHERE: byte OFFSET: message" in binary data.
 
 Run 'vorn COMMAND --help' for more. Exit status: 0 success, 1 no match, 2 error.
 )";
@@ -93,6 +101,34 @@ none, 2 on error. Either may be given as -f FILE, a file holding exactly one exp
 Options:
   --dialect NAME  read and write in dialect NAME: vorn (default), smtlib or scheme
   -f FILE         read PATTERN or EXPR from FILE ('-': standard input)
+  --shared        write the bindings with labels (#N=, #N#) for shared subexpressions
+)";
+
+const char* const kConvertHelp = R"(usage: vorn convert [OPTION...] EXPR...
+       vorn convert [OPTION...] -f FILE...
+       vorn convert [OPTION...]
+
+Reads expressions and writes them as plain text, labelled text or binary data. Each EXPR
+is one expression; -f FILE gives every expression of FILE, or standard input when
+neither is given ('-': standard input). A file is binary data when it starts with the
+binary magic number (one saved file or several, one after another), and text in the
+chosen dialect otherwise; labels (#N= and #N#) are read in every dialect. Everything is
+read and checked before anything is written, so bad input writes nothing and leaves
+-o FILE as it was.
+
+Text output is one expression per line. Labelled text writes #N= before a cons met again
+and #N# where it is met again, N counting from 0 in each line: its size is linear in
+the distinct nodes, where plain text can grow exponentially with them; a tree without
+sharing comes out the same either way. Binary output is one saved file holding every
+expression, with its sharing, in order; it is not written to a terminal.
+
+Options:
+  --to FORMAT     write FORMAT: shared (labelled text, the default), text (plain text)
+                  or binary
+  -o FILE         write to FILE ('-': standard output, the default)
+  --dialect NAME  read text, and write it, in dialect NAME: vorn (default), smtlib or
+                  scheme
+  -f FILE         read the expressions of FILE
 )";
 
 const char* const kRewriteHelp = R"(usage: vorn rewrite [OPTION...] RULES-FILE [TERM...]
@@ -115,6 +151,8 @@ simplification) rewrite the built-in sample terms, and the statistics line follo
 
 Options:
   --builtin       use the built-in rules; every operand is a TERM
+  --shared        write terms and results with labels, each shared subexpression in
+                  full once (#N=...) and as #N# after: linear in the distinct nodes
   --trace         print each rule application: "rule N: BEFORE -> AFTER"
   --max-steps N   allow N rule applications per term (default 1000000); a term that
                   needs more is an error
@@ -277,6 +315,9 @@ struct Options {
   std::vector<std::pair<std::size_t, std::string>> files;
   vorn::Dialect dialect = vorn::Dialect::vorn;
   bool help = false, builtin = false, trace = false, stats = false;
+  bool shared = false;  // results as labelled text
+  enum class Format { text, shared, binary } to = Format::shared;  // convert's output
+  std::string output;                                             // convert's -o FILE
   std::uint64_t max_steps = kDefaultMaxSteps;
 };
 
@@ -389,6 +430,7 @@ int flushed(int status) {
 vorn::WriteOptions output(const Options& o) {
   vorn::WriteOptions w;
   w.dialect = o.dialect;
+  w.shared = o.shared;
   return w;
 }
 
@@ -507,6 +549,72 @@ int rewrite_command(const Options& o) {
   return flushed(0);
 }
 
+// Appends the roots of every saved file in `in` (one, or several one after another) to
+// `roots`. A FormatError is reported with its offset from the first byte of the input.
+void load_binary(SexpManager& m, const Input& input, std::istream& in, std::vector<Sexp>& roots) {
+  // The whole input in memory, as much as arrived: load needs its position for offsets
+  // past the first file, which a pipe cannot tell.
+  std::stringstream data;
+  data << in.rdbuf();
+  if (in.bad()) throw Failure(input.name + ": cannot read");
+  while (data.peek() != EOF) {
+    const std::uint64_t base = static_cast<std::uint64_t>(std::streamoff(data.tellg()));
+    try {
+      for (const Sexp& e : vorn::load(m, data)) roots.push_back(e);
+    } catch (const vorn::FormatError& e) {
+      throw Failure(input.name + ": byte " + std::to_string(base + e.offset()) + ": " +
+                    e.message());
+    }
+  }
+}
+
+int convert_command(const Options& o) {
+  using Format = Options::Format;
+  const bool to_stdout = o.output.empty() || o.output == "-";
+  if (o.to == Format::binary && to_stdout && isatty(STDOUT_FILENO)) {
+    throw Failure("binary data is not written to a terminal: use -o FILE or redirect the output");
+  }
+  std::vector<Input> inputs = expression_inputs(o, 0);
+  if (inputs.empty()) inputs.push_back(file_input("-"));
+  SexpManager m;
+  std::vector<Sexp> roots;
+  for (const Input& input : inputs) {
+    const auto take = [&](const Sexp& e, const TextPosition&) { roots.push_back(e); };
+    if (input.kind == Input::operand) {
+      read_each(m, input, o.dialect, take);
+      continue;
+    }
+    InputStream in(input);
+    const int first = in.get().peek();
+    if (first != EOF && vorn::is_binary(std::string(1, static_cast<char>(first)))) {
+      load_binary(m, input, in.get(), roots);
+    } else {
+      read_stream(m, input, in.get(), o.dialect, take);
+    }
+  }
+
+  std::ofstream file;
+  if (!to_stdout) {
+    file.open(o.output, std::ios::binary);
+    if (!file) throw Failure(o.output + ": cannot open for writing: " + std::strerror(errno));
+  }
+  std::ostream& out = to_stdout ? std::cout : file;
+  if (o.to == Format::binary) {
+    vorn::save(out, roots);
+  } else {
+    vorn::WriteOptions w = output(o);
+    w.shared = o.to == Format::shared;
+    for (const Sexp& e : roots) {
+      vorn::write_text(out, e, w);
+      out << '\n';
+    }
+  }
+  if (to_stdout) return flushed(0);
+  file.close();
+  if (!file) throw Failure(o.output + ": cannot write");
+  return 0;
+}
+
 // One row of `vorn stats`: the file read into a manager of its own, with the time spent
 // reading and the heap the manager holds afterwards.
 vorn::tool::StatsRow file_stats(const Input& input, vorn::Dialect dialect) {
@@ -550,6 +658,8 @@ int stats_command(const Options& o) {
 constexpr Option kDialectOption{
     "--dialect", nullptr, true,
     [](Options& o, const std::string& name) { o.dialect = dialect_named(name); }};
+constexpr Option kSharedOption{"--shared", nullptr, false,
+                                [](Options& o, const std::string&) { o.shared = true; }};
 constexpr Option kFileOption{"-f", "--file", true, [](Options& o, const std::string& path) {
                                o.files.emplace_back(o.operands.size(), path);
                              }};
@@ -561,9 +671,9 @@ const Command kCommands[] = {
     {"print", "EXPR... | -f FILE...", "the diagnostic text of each expression",
      {kDialectOption, kFileOption}, kPrintHelp, print_command},
     {"match", "PATTERN EXPR", "whether EXPR matches PATTERN, and the bindings",
-     {kDialectOption, kFileOption}, kMatchHelp, match_command},
+     {kDialectOption, kFileOption, kSharedOption}, kMatchHelp, match_command},
     {"rewrite", "[RULES-FILE] [TERM...]", "rewrite terms to normal form with rules",
-     {kDialectOption, kFileOption,
+     {kDialectOption, kFileOption, kSharedOption,
       {"--builtin", nullptr, false, [](Options& o, const std::string&) { o.builtin = true; }},
       {"--trace", nullptr, false, [](Options& o, const std::string&) { o.trace = true; }},
       {"--stats", nullptr, false, [](Options& o, const std::string&) { o.stats = true; }},
@@ -575,6 +685,20 @@ const Command kCommands[] = {
            throw std::invalid_argument("--max-steps needs a whole number, not '" + n + "'");
        }}},
      kRewriteHelp, rewrite_command},
+    {"convert", "[EXPR...] [-f FILE...]", "between text, labelled text and binary data",
+     {kDialectOption, kFileOption,
+      {"--to", nullptr, true,
+       [](Options& o, const std::string& format) {
+         using Format = Options::Format;
+         constexpr std::pair<const char*, Format> kFormats[] = {
+             {"shared", Format::shared}, {"text", Format::text}, {"binary", Format::binary}};
+         for (const auto& [name, f] : kFormats) {
+           if (format == name) return void(o.to = f);
+         }
+         throw std::invalid_argument("--to needs shared, text or binary, not '" + format + "'");
+       }},
+      {"-o", "--output", true, [](Options& o, const std::string& path) { o.output = path; }}},
+     kConvertHelp, convert_command},
     {"stats", "FILE...", "what files cost as trees and as canonical nodes", {kDialectOption},
      kStatsHelp, stats_command},
 };

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -97,6 +98,22 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
       {{"stats", "/"}, "", 2, "", "vorn: /: cannot read\n"},  // a directory opens, but does not read
       {{"stats", "--dialect", "lisp", "x"}, "", 2, "",
        StartsWith("vorn: --dialect needs vorn, smtlib or scheme, not 'lisp'\nusage: vorn stats")},
+      // Labels: written when asked, read everywhere; binary data reported by byte.
+      {{"rewrite", "--shared", "--trace", rules, "(f (f a))"}, "", 0,
+       "rule 2: a -> b\nrule 1: (f b) -> (g b b)\nrule 1: (f (g b b)) -> (g #0=(g b b) #0#)\n"
+       "(f (f a)) => (g #0=(g b b) #0#)\n", ""},
+      {{"match", "--shared", "(f ?x)", "(f ((a) (a)))"}, "", 0, "match\n?x = (#0=(a) #0#)\n", ""},
+      {{"convert", "(a (b) (b))", "--to", "text", "#0=(c)", "(#1=(x) #1# #1#)"}, "", 0,
+       "(a (b) (b))\n(c)\n((x) (x) (x))\n", ""},
+      {{"convert", "--dialect=scheme"}, "(a . #0=(b c)) (#1=(x) #1#)", 0, "(a b c)\n(#0=(x) #0#)\n", ""},
+      {{"convert", "(f #1#)"}, "", 2, "",
+       "vorn: <arg 1>:1:4: undefined label '#1#' (no '#1=' before it in this expression)\n"},
+      {{"convert"}, "\n (a #0=(b) #0=(c))", 2, "",
+       "vorn: <stdin>:2:12: label '#0=' defined twice (first at 2:5)\n"},
+      {{"convert", "-f", "-"}, "\x89vorn\r\n\x1a\x02", 2, "",
+       "vorn: <stdin>: byte 8: unsupported format version 2 (this library reads version 1)\n"},
+      {{"convert", "--to", "bin"}, "", 2, "",
+       StartsWith("vorn: --to needs shared, text or binary, not 'bin'\n")},
       {{"rewrite"}, "", 0,  // the built-in demonstration
        AllOf(StartsWith("(d x (* x x)) => (* 2 x)\n"),
              ContainsRegex("\nstats: 7 terms, [1-9][0-9]* steps, [1-9][0-9]* nodes made, "
@@ -108,6 +125,26 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
         << ::testing::PrintToString(args);
   }
   for (const char* name : {".rules", ".bad", ".terms", ".escape"}) Take(name);
+}
+
+// Text to binary to labelled text to plain text, through files and pipes: the same
+// expressions, and one saved file after another reads as both.
+TEST(VornCli, ConvertRoundTrip) {
+  const std::string text = "(f (g a b) (g a b) \"s t\" #700 |x y|)\n()\nz\n";
+  const std::string binary = Path(".vb"), shared = Path(".shared");
+  EXPECT_THAT(Vorn({"convert", "--to", "binary", "-o", binary, "-f", "-"}, text),
+              ::testing::FieldsAre(0, "", ""));
+  std::ifstream saved(binary, std::ios::binary);
+  const std::string data{std::istreambuf_iterator<char>(saved), {}};
+  EXPECT_THAT(data, StartsWith("\x89vorn"));
+  EXPECT_THAT(Vorn({"convert", "-f", binary, "-o", shared}, ""), ::testing::FieldsAre(0, "", ""));
+  EXPECT_EQ(Take(".shared"), "(f #0=(g a b) #0# \"s t\" #700 |x y|)\n()\nz\n");
+  EXPECT_THAT(Vorn({"convert", "--to=text", "-f", "-", "(q)"}, data + data),
+              ::testing::FieldsAre(0, text + text + "(q)\n", ""));
+  // Bad input writes nothing: the output file keeps what it held.
+  EXPECT_THAT(Vorn({"convert", "-o", binary, "-f", "-"}, data.substr(0, data.size() - 1)),
+              ::testing::FieldsAre(2, "", StartsWith("vorn: <stdin>: byte ")));
+  EXPECT_EQ(Take(".vb"), data);
 }
 
 }  // namespace
