@@ -12,27 +12,39 @@ namespace vorn::detail {
 
 namespace {
 
-// Which nodes of `replacement` hold no variable. Post-order over the distinct nodes.
-std::unordered_map<const Sexp_*, bool> ground_nodes(const Sexp_* replacement,
-                                                    const std::function<bool(const Sexp_*)>& is_var) {
-  std::unordered_map<const Sexp_*, bool> ground;
-  std::vector<std::pair<const Sexp_*, bool>> todo{{replacement, false}};  // (node, expanded)
+// Records in `value` a value for each distinct node under `root`: `leaf(n)` where
+// `is_leaf(n)`, otherwise `inner(n)` once both children have theirs. Post-order, car side
+// first (`inner` sees the nodes in that order); iterative.
+template <class Value, class IsLeaf, class Leaf, class Inner>
+void post_order(const Sexp_* root, std::unordered_map<const Sexp_*, Value>& value,
+                IsLeaf is_leaf, Leaf leaf, Inner inner) {
+  std::vector<std::pair<const Sexp_*, bool>> todo{{root, false}};  // (node, expanded)
   while (!todo.empty()) {
     auto [n, expanded] = todo.back();
-    if (ground.count(n) != 0) {
+    if (value.count(n) != 0) {
       todo.pop_back();
-    } else if (n->is_symbol != 0) {
-      ground.emplace(n, !is_var(n));
+    } else if (is_leaf(n)) {
+      value.emplace(n, leaf(n));
       todo.pop_back();
     } else if (!expanded) {
       todo.back().second = true;
       todo.emplace_back(n->cdr, false);
       todo.emplace_back(n->car, false);
     } else {
-      ground.emplace(n, ground.at(n->car) && ground.at(n->cdr));
+      value.emplace(n, inner(n));
       todo.pop_back();
     }
   }
+}
+
+// Which nodes of `replacement` hold no variable.
+std::unordered_map<const Sexp_*, bool> ground_nodes(const Sexp_* replacement,
+                                                    const std::function<bool(const Sexp_*)>& is_var) {
+  std::unordered_map<const Sexp_*, bool> ground;
+  post_order(
+      replacement, ground, [](const Sexp_* n) { return n->is_symbol != 0; },
+      [&](const Sexp_* n) { return !is_var(n); },
+      [&](const Sexp_* n) { return ground.at(n->car) && ground.at(n->cdr); });
   return ground;
 }
 
@@ -109,27 +121,17 @@ TemplateCode::TemplateCode(SexpManager& m, const Sexp_* replacement,
   using Operand = std::pair<Kind, std::uint32_t>;
   std::unordered_map<const Sexp_*, Operand> operand;
   std::vector<std::pair<Operand, Operand>> cells;
-  std::vector<std::pair<const Sexp_*, bool>> todo{{replacement, false}};
-  while (!todo.empty()) {
-    auto [n, expanded] = todo.back();
-    if (operand.count(n) != 0) {
-      todo.pop_back();
-    } else if (ground.at(n)) {
-      operand.emplace(n, Operand{fixed, constant(n)});
-      todo.pop_back();
-    } else if (n->is_symbol != 0) {
-      operand.emplace(n, Operand{slot, slot_of.at(n->value)});
-      todo.pop_back();
-    } else if (!expanded) {
-      todo.back().second = true;
-      todo.emplace_back(n->cdr, false);
-      todo.emplace_back(n->car, false);
-    } else {
-      operand.emplace(n, Operand{built, static_cast<std::uint32_t>(cells.size())});
-      cells.emplace_back(operand.at(n->car), operand.at(n->cdr));
-      todo.pop_back();
-    }
-  }
+  post_order(
+      replacement, operand,
+      [&](const Sexp_* n) { return ground.at(n) || n->is_symbol != 0; },
+      [&](const Sexp_* n) {
+        return ground.at(n) ? Operand{fixed, constant(n)} : Operand{slot, slot_of.at(n->value)};
+      },
+      [&](const Sexp_* n) {
+        const Operand o{built, static_cast<std::uint32_t>(cells.size())};
+        cells.emplace_back(operand.at(n->car), operand.at(n->cdr));
+        return o;
+      });
   first_built_ = slots_ + static_cast<std::uint32_t>(constants_.size());
   const auto index = [this](const Operand& o) {
     return o.first == slot ? o.second : o.first == fixed ? slots_ + o.second : first_built_ + o.second;
