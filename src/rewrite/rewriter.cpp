@@ -10,6 +10,7 @@
 #include "memo.hpp"
 #include "pattern.hpp"
 #include "rule_index.hpp"
+#include "rewrite_access.hpp"
 #include "template.hpp"
 #include "vorn/expr/sexp_ref.hpp"
 #include "vorn/rewrite/variables.hpp"
@@ -151,6 +152,10 @@ class Rewriter::Engine {
   std::vector<Sexp_*> done_;      // held: normal forms of finished parts, in visiting order
   std::vector<Sexp_*> bindings_;  // bindings of the rules in use: subterms of frames' redexes
   std::vector<HeadStats> heads_;  // by head symbol number (RuleIndex::Span::head)
+  // The last list cell make_current made new, and the manager's ids_handed_out() just
+  // after; only compared, never followed (the node may be gone once the count moves).
+  const Sexp_* newest_ = nullptr;
+  std::uint64_t newest_at_ = UINT64_MAX;
 };
 
 void Rewriter::Engine::add_rule(const Sexp& pattern, const Sexp& replacement) {
@@ -259,17 +264,37 @@ void Rewriter::Engine::push_list(const detail::TemplateList* list, std::uint32_t
 // Makes f.current the list gathered on done_ from f.base (its last entry ends the list)
 // and pops it. Each cell is made with sh_cons: a sharing hit when the manager's count of
 // ids handed out does not move. Returns whether the list is a node made just now.
+//
+// A cell over the node the manager made last, before it has handed out another id, cannot
+// be in the table (no node alive was made after that child), so it is entered without a
+// look-up: the effects are those of sh_cons's miss. That holds for every cell after the
+// first new one, and for the first one when the list's end or last element is the last
+// node a list of this engine made (newest_). Not with a trace, whose callback could change
+// a canonical cons's children without handing out an id.
 bool Rewriter::Engine::make_current(Frame& f) {
   Sexp list = SexpRef::adopt(done_.back());  // the end's reference goes to the list
   done_.pop_back();
   bool fresh = false;
+  bool absent = !trace_ && m_.ids_handed_out() == newest_at_ && newest_ == list.get();
   while (done_.size() > f.base) {
-    const std::uint64_t before = m_.ids_handed_out();
-    list = m_.sh_cons(SexpRef::borrow(done_.back()).handle(), list);
-    fresh = m_.ids_handed_out() != before;
-    if (!fresh) ++stats_.sharing_hits;
-    done_.back()->release();
+    Sexp_* car = done_.back();
+    if (absent || (!trace_ && m_.ids_handed_out() == newest_at_ && newest_ == car)) {
+      Sexp_* cell = detail::RewriteAccess::new_cons(m_, car, list.get());
+      cell->add_ref();
+      list = SexpRef::adopt(cell);
+      fresh = absent = true;
+    } else {
+      const std::uint64_t before = m_.ids_handed_out();
+      list = m_.sh_cons(SexpRef::borrow(car).handle(), list);
+      fresh = absent = m_.ids_handed_out() != before;
+      if (!fresh) ++stats_.sharing_hits;
+    }
+    car->release();
     done_.pop_back();
+  }
+  if (fresh) {
+    newest_ = list.get();
+    newest_at_ = m_.ids_handed_out();
   }
   f.current = SexpRef::take(list);
   return fresh;

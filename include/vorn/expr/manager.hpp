@@ -23,6 +23,7 @@ namespace detail {
 struct SexpManagerInternals;  // white-box access for the library's own tests
 struct ReaderAccess;          // the text reader's entry points (src/text/text_pass.hpp)
 struct IoAccess;              // the binary loader's and copy's entry points (src/io/io_access.hpp)
+struct RewriteAccess;         // the rewriting engine's (src/rewrite/rewrite_access.hpp)
 }  // namespace detail
 
 /// Makes every node, stamps it with an id, interns symbol names and keeps one
@@ -275,6 +276,7 @@ class SexpManager {
   friend struct detail::SexpManagerInternals;
   friend struct detail::ReaderAccess;
   friend struct detail::IoAccess;
+  friend struct detail::RewriteAccess;
 
   // make_symbol of a name the caller has measured and hashed: `len` bytes at `name`, none
   // of them NUL (no terminator needed), `h` their hash<char*>. Every effect is make_symbol's
@@ -330,6 +332,17 @@ class SexpManager {
           h, [a, d](const Sexp_* n) { return detail::Shape::is_cons_of(n, a, d); });
     }
     if (found != nullptr) return *found;
+    return enter_cons(a, d, h);
+  }
+  // shared_cons of a shape the caller knows is absent from the table (a child was made
+  // after every node alive but itself, so nothing can have it as a child yet): the same
+  // effects as shared_cons's miss, without walking the chain to find nothing.
+  Sexp_* shared_cons_absent(Sexp_* a, Sexp_* d) {
+    reserve_node();
+    const std::uint64_t h = detail::Shape::cons_hash(a, d);
+    assert(shared_table.find_item(h, [a, d](const Sexp_* n) {
+      return detail::Shape::is_cons_of(n, a, d);
+    }) == nullptr && "shared_cons_absent of a shape in the table");
     return enter_cons(a, d, h);
   }
   Sexp_* shared_symbol(unsigned long value) {
