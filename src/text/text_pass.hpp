@@ -89,7 +89,10 @@ enum class FrameKind : unsigned char {
 
 struct Frame {
   std::size_t open;   // offset of what opened it
-  std::size_t dot;    // offset of the '.', once the state has reached after_dot
+  // A list: offset of its '.', once the state has reached after_dot. A label, checking in a
+  // dialect whose tails must be lists: that '.' when the label's datum is such a tail, else
+  // 0 (no list's '.' stands at offset 0, after its '(').
+  std::size_t dot;
   std::size_t first;  // building: index in `items` of the first element
   ListState state;
   FrameKind kind;
@@ -117,6 +120,9 @@ class Reader {
   static_assert(!(Build && FirstOnly), "only the checking pass stops after the first");
   static constexpr const Syntax& syntax = syntax_of(D);
   static constexpr bool scheme = D == Dialect::scheme;
+  // Whether this pass makes sure that what follows a list's '.' is a list: the checking
+  // pass of a dialect without dotted tails, whose '.' stands only before a shared tail.
+  static constexpr bool list_tails = !Build && !syntax.dotted_tails;
 
  public:
   // `text_start`: the text is the start of the input, where a scheme script header may
@@ -344,6 +350,10 @@ class Reader {
 
   // An expression (atom or list) begins at `at`; `label`: with a datum label.
   void begin_item(std::size_t at, bool label = false) {
+    if constexpr (list_tails) {
+      tail_dot_ = 0;
+      datum_is_list_ = false;
+    }
     if (frames_.empty()) {
       if (++count == 1) first_begin = at;
       if (count == 2) second = at;
@@ -353,12 +363,19 @@ class Reader {
     Frame& f = frames_.back();
     switch (f.state) {
       case ListState::no_items:
+        if constexpr (list_tails) {
+          if (f.kind == FrameKind::label && f.dot != 0) {  // the datum of a label after a '.'
+            if (!label && class_of(text_[at]) != open) fail(f.dot, lone_dot);
+            tail_dot_ = f.dot;
+          }
+        }
         f.state = ListState::items;
         break;
       case ListState::items:
         break;
       case ListState::after_dot:
         if (!syntax.dotted_tails && !label) fail(f.dot, lone_dot);
+        if constexpr (list_tails) tail_dot_ = f.dot;
         f.state = ListState::tail;
         break;
       case ListState::tail:
@@ -398,11 +415,21 @@ class Reader {
   // expression. The checking pass keeps, per label, where it was defined and whether its
   // datum is complete, and rejects a label defined twice, a reference to a label not
   // defined before it, and a reference inside the datum it stands for (a cycle, which
-  // canonical nodes cannot hold). The building pass keeps, per label, its node. Both keep
+  // canonical nodes cannot hold). Where a '.' may stand only before a list, it also keeps
+  // whether the datum is a list, and rejects a label of anything else after a '.', as the
+  // lone '.' it then is. The building pass keeps, per label, its node. Both keep
   // them in a FlatMap whose seed is the reader's own address, which whoever wrote the text
   // cannot know. Labels inside a scheme datum comment are read and dropped with it.
 
   static constexpr const char* lone_dot = "a lone '.' is no symbol in this dialect (write |.|)";
+
+  // Checking, a label's state: (offset of `#N=` + 1) << 2, with these bits.
+  static constexpr std::uint64_t label_complete = 1;  // its datum has been read
+  static constexpr std::uint64_t label_list = 2;      // and is a list (kept with list_tails only)
+  static constexpr int label_offset_shift = 2;
+  static std::size_t label_offset(std::uint64_t state) noexcept {
+    return static_cast<std::size_t>((state >> label_offset_shift) - 1);
+  }
 
   // Whether labels are kept where the pass stands (not inside a datum comment).
   bool tracking() const noexcept { return !scheme || muted_ == 0; }
@@ -440,14 +467,14 @@ class Reader {
     if (s[end - 1] == '=') {
       begin_item(at, true);
       if (!Build && tracking()) {
-        std::uint64_t& state = labels_.at(number);  // (offset + 1) << 1, | 1 once complete
+        std::uint64_t& state = labels_.at(number);
         if (state != 0) {
           fail(at, "label '" + std::string(label_text(at)) + "' defined twice (first at " +
-                       where(text_, (state >> 1) - 1) + ")");
+                       where(text_, label_offset(state)) + ")");
         }
-        state = std::uint64_t{at + 1} << 1;
+        state = std::uint64_t{at + 1} << label_offset_shift;
       }
-      frames_.push_back({at, 0, items.size(), ListState::no_items, FrameKind::label});
+      frames_.push_back({at, tail_dot_, items.size(), ListState::no_items, FrameKind::label});
       return end;
     }
     if (end < n && class_of(s[end]) < space)
@@ -463,10 +490,14 @@ class Reader {
           fail(at, "undefined label '" + label + "' (no '" + label.substr(0, label.size() - 1) +
                        "=' before it in this expression)");
         }
-        if ((*state & 1) == 0) {
+        if ((*state & label_complete) == 0) {
           fail(at, "'" + label + "' refers to the datum it stands in, labelled at " +
-                       where(text_, (*state >> 1) - 1) +
+                       where(text_, label_offset(*state)) +
                        ": a cycle, which canonical nodes cannot hold");
+        }
+        if constexpr (list_tails) {
+          datum_is_list_ = (*state & label_list) != 0;
+          if (tail_dot_ != 0 && !datum_is_list_) fail(tail_dot_, lone_dot);
         }
       }
     }
@@ -481,7 +512,8 @@ class Reader {
     if constexpr (Build) {
       if (building()) labels_.at(number) = reinterpret_cast<std::uintptr_t>(items.back());
     } else {
-      *labels_.find(number) |= 1;
+      *labels_.find(number) |= list_tails && datum_is_list_ ? label_complete | label_list
+                                                             : label_complete;
     }
   }
 
@@ -504,8 +536,9 @@ class Reader {
   // A dot that stands where none can is reported where it stands; once a list has its
   // dot, whatever goes wrong after it (no expression, or more than one) is reported at
   // that dot. A dialect without dotted tails (smtlib) still takes a dot before a datum
-  // label, where the writer puts a shared tail: the dot is taken here, and whatever else
-  // follows it is reported at it as the lone dot it is.
+  // label of a list, where the writer puts a shared tail: the dot is taken here, and
+  // whatever else follows it (begin_item and read_label see to a label of anything but a
+  // list) is reported at it as the lone dot it is.
   void read_dot(std::size_t at) {
     if (frames_.empty() || frames_.back().state == ListState::no_items ||
         frames_.back().kind > FrameKind::bracket_list)
@@ -532,6 +565,7 @@ class Reader {
       }
     }
     if (f.state == ListState::after_dot) fail(f.dot, misplaced_dot(f));
+    if constexpr (list_tails) datum_is_list_ = true;  // what item_done() completes next
     if (building()) {
       // Bottom-up from the end, so every cons is made over canonical children.
       if (f.state != ListState::tail) push(nil_node());
@@ -898,8 +932,13 @@ class Reader {
   std::vector<Frame> frames_;  // open lists, innermost last
   std::string name_;           // the name or string content being read
   std::vector<RecentAtom> recent_;  // building: direct-mapped by the bytes' hash; made on first use
-  // The labels of the top-level expression being read: checking, (offset of `#N=` + 1) << 1,
-  // with bit 0 set once its datum is complete; building, the datum's node.
+  // With list_tails: where the expression begun last stands after a list's '.' (directly, or
+  // as a label's datum there), that '.', else 0; and whether the expression completed last
+  // is a list (false when it begins; true once a list closes, or a label of a list is read).
+  std::size_t tail_dot_ = 0;
+  bool datum_is_list_ = false;
+  // The labels of the top-level expression being read: checking, the state above
+  // (label_complete...); building, the datum's node.
   FlatMap labels_{static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(this))};
 };
 

@@ -115,6 +115,8 @@ TEST(Labels, ReadWhereverADatumStandsEachTopLevelExpressionApart) {
       {V, "(#0= ; c\n (a) . #0#)", "((a) a)"},
       {V, "(#18446744073709551615=(z) #18446744073709551615#)", "((z) (z))"},
       {L, "(#0=(b c) . #0#)", "((b c) b c)"}, {L, "(#1=(a) . #2=(#1#))", "((a) (a))"},
+      {L, "(#3=c #0=#1=(b) #3# . #2=#1#)", "(c (b) c b)"}, {L, "(a . #0=(#1=b #1#))", "(a b b)"},
+      {V, "(#0=b . #0#)", "(b . b)"},
       {C, "(#0=(a) '#0# #(#0#) #;#0=b [#1=#;x c . #1#])",
           "((a) (quote (a)) (|#vector| (a)) (c . c))"},
   };
@@ -127,6 +129,7 @@ TEST(Labels, ReadWhereverADatumStandsEachTopLevelExpressionApart) {
 
 TEST(Labels, ErrorsSayWhereAndLeaveNoTrace) {
   const std::string cycle = ": a cycle, which canonical nodes cannot hold";
+  const std::string lone_dot = "a lone '.' is no symbol in this dialect (write |.|)";
   // clang-format off
   const std::tuple<Dialect, const char*, std::string> cases[] = {
       {V, "(#0=(a) #1#)", "1:9: undefined label '#1#' (no '#1=' before it in this expression)"},
@@ -137,7 +140,10 @@ TEST(Labels, ErrorsSayWhereAndLeaveNoTrace) {
       {V, "(#0=a #0#b)", "1:10: expected a delimiter after '#0#'"},
       {V, "#18446744073709551616=a", "1:1: label number too large (at most 18446744073709551615)"},
       {L, "(#0=a . b)", "1:7: a lone '.' is no symbol in this dialect (write |.|)"},
-      {L, "(#0=a . #0# b)", "1:7: misplaced '.'"},
+      {L, "(#0=(a) . #0# b)", "1:9: misplaced '.'"},
+      // smtlib takes a dot before a label of a list only.
+      {L, "(a . #0=b)", "1:4: " + lone_dot}, {L, "(a\n . #0=#1=\"s\")", "2:2: " + lone_dot},
+      {L, "(#0=b . #0#)", "1:7: " + lone_dot}, {L, "(#1=#0=b (x . #2=#1#))", "1:13: " + lone_dot},
       {C, "(#;#0=(a) #0#)", "1:11: undefined label '#0#' (no '#0=' before it in this expression)"},
       {C, "('#0=(b #0#))", "1:9: '#0#' refers to the datum it stands in, labelled at 1:3" + cycle},
   };
