@@ -3,7 +3,8 @@
 // it does (Fibonacci on Peano numerals). Each iteration normalises the problem's term in a
 // fresh manager with a fresh rewriter set as `vorn rewrite` sets it (collecting every 2^14
 // ids); the counter "ns/step" is the time per rule application, "steps" the applications
-// per term.
+// per term. BM_NumeralCells is the floor under all of them: what the manager alone takes to
+// make the cells of a numeral's levels, the work a rewrite that builds one cannot avoid.
 #include <benchmark/benchmark.h>
 
 #include <ctime>
@@ -101,5 +102,36 @@ void BM_FibonacciMemoised(benchmark::State& state) {
   Normalise(state, kFibonacci, [](int n) { return "(fib " + numeral(n) + ")"; });
 }
 BENCHMARK(BM_FibonacciMemoised)->Arg(20)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The manager alone, no rewriting: sh_cons makes (s R) for each level of a numeral of
+// range(0) levels, two canonical cells a level, with range(0) * 2 other canonical nodes
+// already in the table (as while a term that size is normalised). Arg 1: the cells are new
+// (a sharing miss each); arg 0: they exist already (a sharing hit each). "ns/level" is
+// the time per level, in thread CPU time.
+void BM_NumeralCells(benchmark::State& state) {
+  const int levels = static_cast<int>(state.range(0));
+  const bool fresh = state.range(1) != 0;
+  double seconds = 0;
+  for (auto _ : state) {
+    auto m = std::make_unique<vorn::SexpManager>();
+    const vorn::Sexp s = m->sh_sym(m->make_symbol("s"));
+    const vorn::Sexp z = m->sh_sym(m->make_symbol("z"));
+    vorn::Sexp other = z;  // the nodes already there: a numeral over another base
+    for (int i = 0; i < levels; ++i) other = m->sh_cons(s, m->sh_cons(other, m->nil()));
+    vorn::Sexp n = fresh ? m->sh_cons(z, z) : z;
+    const double start = thread_seconds();
+    for (int i = 0; i < levels; ++i) n = m->sh_cons(s, m->sh_cons(n, m->nil()));
+    const double spent = thread_seconds() - start;
+    benchmark::DoNotOptimize(n.get());
+    state.SetIterationTime(spent);
+    seconds += spent;
+  }
+  state.counters["ns/level"] = seconds * 1e9 / (static_cast<double>(levels) * static_cast<double>(state.iterations()));
+}
+BENCHMARK(BM_NumeralCells)
+    ->Args({640000, 1})
+    ->Args({640000, 0})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
