@@ -158,6 +158,9 @@ class SlotListing {
       reached_.set(root_slots[i]);
     }
     if (bad) return false;
+    // Room for every slot's two references, so they are never copied as they grow; only
+    // the pages written are ever touched.
+    out_.refs.reserve(static_cast<std::size_t>(2 * numbers_.slots()));
     const auto& chunks = numbers_.chunks();
     for (auto c = chunks.rbegin(); c != chunks.rend(); ++c)
       if (!sweep(*c)) return false;

@@ -100,8 +100,11 @@ class Encoder {
       }
     }
     each_reference([&](Context c, const Class& k, std::uint64_t v) {
-      w.put(code_[c].bits(k.symbol), code_[c].length(k.symbol));
-      w.put_offset(k.hi - k.lo + 1, v - k.lo);
+      // A symbol's code (11 bits at most), then its offset (31 at most), in one put.
+      const unsigned length = code_[c].length(k.symbol);
+      unsigned count;
+      const std::uint64_t offset = BitWriter<Sink>::offset_code(k.hi - k.lo + 1, v - k.lo, count);
+      w.put(code_[c].bits(k.symbol) | offset << length, length + count);
     });
     w.finish();
     sink.finish();
