@@ -137,9 +137,11 @@ class BitWriter {
   static std::uint64_t offset_code(std::uint64_t n, std::uint64_t x, unsigned& count) noexcept {
     const unsigned k = bit_length(n) - 1;
     const std::uint64_t u = (std::uint64_t{2} << k) - n, y = x + u;
-    const bool longer = x >= u;
-    count = k + (longer ? 1 : 0);
-    return longer ? (y >> 1 | (y & 1) << k) : x;
+    // Chosen by mask: which form is due depends on the data, and a branch on it would be
+    // mispredicted about as often as not.
+    const std::uint64_t longer = x >= u ? 1 : 0, mask = 0 - longer;
+    count = k + static_cast<unsigned>(longer);
+    return ((y >> 1 | (y & 1) << k) & mask) | (x & ~mask);
   }
 
   /// Offset x among n values, in truncated binary.
