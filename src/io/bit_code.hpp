@@ -189,11 +189,16 @@ class BitReader {
     bit_ += k;
     return v;
   }
+  /// An offset among n values (n < 2^32), in truncated binary. The k + 1 bits it may take
+  /// are read at once and the form chosen by mask: a branch on it would be mispredicted
+  /// about as often as not.
   std::uint64_t get_offset(std::uint64_t n) noexcept {
     const unsigned k = bit_length(n) - 1;
     const std::uint64_t u = (std::uint64_t{2} << k) - n;
-    const std::uint64_t x = get(k);
-    return x < u ? x : (x << 1 | get(1)) - u;
+    const std::uint64_t w = peek(k + 1), x = w & ((std::uint64_t{1} << k) - 1);
+    const std::uint64_t longer = x >= u ? 1 : 0, mask = 0 - longer;
+    bit_ += k + longer;
+    return (((x << 1 | w >> k) - u) & mask) | (x & ~mask);
   }
   std::uint64_t position() const noexcept { return bit_; }
 
