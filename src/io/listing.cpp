@@ -365,8 +365,12 @@ Listing list_nodes(const Sexp* roots, std::size_t n) {
     auto outcome = ListingById(m, out, slot_listing_threshold(*m)).run(roots, n);
     if (outcome == ListingById::over_budget) {
       out = Listing();
-      if (list_by_slot(*m, roots, n, out)) outcome = ListingById::listed;
-      else out = Listing(), outcome = ListingById(m, out, SIZE_MAX).run(roots, n);
+      if (list_by_slot(*m, roots, n, out)) {
+        outcome = ListingById::listed;
+      } else {
+        out = Listing();
+        outcome = ListingById(m, out, SIZE_MAX).run(roots, n);
+      }
     }
     if (outcome == ListingById::listed) {
       out.manager = m;

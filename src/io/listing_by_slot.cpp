@@ -5,7 +5,6 @@
 #include <cassert>
 #include <cstdint>
 #include <limits>
-#include <utility>
 #include <vector>
 
 #include "io_access.hpp"
