@@ -105,51 +105,72 @@ inline unsigned offset_bits(std::uint64_t n, std::uint64_t x) noexcept {
 //
 // Bits go least significant first into bytes filled from their lowest bit.
 
-/// Bits into a byte sink with `void bytes(const unsigned char*, std::size_t)`.
+inline void store_le64(unsigned char* p, std::uint64_t w) noexcept {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  w = __builtin_bswap64(w);
+#endif
+  std::memcpy(p, &w, 8);
+}
+
+/// Bits into a byte sink with `void bytes(const unsigned char*, std::size_t)`, handed over
+/// in blocks. Each put stores the whole accumulator as one word and moves on by the bytes
+/// it completed, so putting bits takes no branch but a predictable one per block.
 template <class Sink>
 class BitWriter {
  public:
-  explicit BitWriter(Sink& sink) noexcept : sink_(sink) {}
+  explicit BitWriter(Sink& sink) : sink_(sink), buf_(block + 8) {}
 
-  /// The `k` low bits of `bits` (k <= 32, no higher bit set).
+  /// The `k` low bits of `bits` (k <= 56, no higher bit set).
   void put(std::uint64_t bits, unsigned k) {
     acc_ |= bits << used_;
     used_ += k;
-    if (used_ >= 32) {
-      const unsigned char b[4] = {static_cast<unsigned char>(acc_), static_cast<unsigned char>(acc_ >> 8),
-                                  static_cast<unsigned char>(acc_ >> 16),
-                                  static_cast<unsigned char>(acc_ >> 24)};
-      sink_.bytes(b, 4);
-      acc_ >>= 32;
-      used_ -= 32;
-    }
+    store_le64(buf_.data() + at_, acc_);
+    at_ += used_ >> 3;
+    acc_ >>= used_ & 56;
+    used_ &= 7;
+    if (at_ >= block) drain();
+  }
+
+  /// The bits that code offset x among n values in truncated binary (with k = floor(log2 n)
+  /// and u = 2^(k+1) - n: x itself in k bits when x < u, else the k high bits of x + u, then
+  /// its low bit), as `bits` and a count.
+  static std::uint64_t offset_code(std::uint64_t n, std::uint64_t x, unsigned& count) noexcept {
+    const unsigned k = bit_length(n) - 1;
+    const std::uint64_t u = (std::uint64_t{2} << k) - n, y = x + u;
+    // Chosen by mask: which form is due depends on the data, and a branch on it would be
+    // mispredicted about as often as not.
+    const std::uint64_t longer = x >= u ? 1 : 0, mask = 0 - longer;
+    count = k + static_cast<unsigned>(longer);
+    return ((y >> 1 | (y & 1) << k) & mask) | (x & ~mask);
   }
 
   /// Offset x among n values, in truncated binary.
   void put_offset(std::uint64_t n, std::uint64_t x) {
-    const unsigned k = bit_length(n) - 1;
-    const std::uint64_t u = (std::uint64_t{2} << k) - n;
-    if (x < u) {
-      put(x, k);
-    } else {
-      put((x + u) >> 1, k);
-      put((x + u) & 1, 1);
-    }
+    unsigned count;
+    const std::uint64_t bits = offset_code(n, x, count);
+    put(bits, count);
   }
 
-  /// Pads the last byte with zero bits and hands it over.
+  /// Pads the last byte with zero bits and hands everything over.
   void finish() {
-    while (used_ > 0) {
-      const auto b = static_cast<unsigned char>(acc_);
-      sink_.bytes(&b, 1);
-      acc_ >>= 8;
-      used_ = used_ > 8 ? used_ - 8 : 0;
-    }
+    at_ += (used_ + 7) / 8;  // the partial byte is stored already
+    used_ = 0;
+    acc_ = 0;
+    drain();
   }
 
  private:
+  static constexpr std::size_t block = std::size_t{1} << 16;
+
+  void drain() {
+    sink_.bytes(buf_.data(), at_);
+    at_ = 0;  // the bits of a partial byte are still in acc_
+  }
+
   Sink& sink_;
-  std::uint64_t acc_ = 0;
+  std::vector<unsigned char> buf_;  // block bytes and room for one word past them
+  std::size_t at_ = 0;              // complete bytes in buf_
+  std::uint64_t acc_ = 0;           // bits not yet complete, used_ of them
   unsigned used_ = 0;
 };
 
@@ -168,11 +189,16 @@ class BitReader {
     bit_ += k;
     return v;
   }
+  /// An offset among n values (n < 2^32), in truncated binary. The k + 1 bits it may take
+  /// are read at once and the form chosen by mask: a branch on it would be mispredicted
+  /// about as often as not.
   std::uint64_t get_offset(std::uint64_t n) noexcept {
     const unsigned k = bit_length(n) - 1;
     const std::uint64_t u = (std::uint64_t{2} << k) - n;
-    const std::uint64_t x = get(k);
-    return x < u ? x : (x << 1 | get(1)) - u;
+    const std::uint64_t w = peek(k + 1), x = w & ((std::uint64_t{1} << k) - 1);
+    const std::uint64_t longer = x >= u ? 1 : 0, mask = 0 - longer;
+    bit_ += k + longer;
+    return (((x << 1 | w >> k) - u) & mask) | (x & ~mask);
   }
   std::uint64_t position() const noexcept { return bit_; }
 

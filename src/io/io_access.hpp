@@ -13,6 +13,9 @@ struct IoAccess {
   /// Whether no two live nodes of `m` share an id, so that an id names one node.
   static bool ids_are_unique(const SexpManager& m) noexcept { return m.child_ids_are_identities; }
 
+  /// The pool every node of `m` lives in.
+  static const MemoryPool<sizeof(Sexp_), false>& node_pool(const SexpManager& m) noexcept { return m.sexp_pool; }
+
   /// make_symbol of the `len` bytes at `name` (none NUL), without a terminated copy.
   static unsigned long intern(SexpManager& m, const char* name, std::size_t len) {
     return m.intern_symbol(name, len, hsh::hash<char*>::of_bytes(name, len));

@@ -3,10 +3,12 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 
 #include "io_access.hpp"
+#include "listing_by_slot.hpp"
 
 namespace vorn::detail {
 
@@ -23,13 +25,6 @@ void check_count(std::size_t n) {
   if (n > max_count) throw std::length_error("vorn: more than 2^31 - 1 distinct atoms or conses");
 }
 
-
-inline unsigned popcount(std::uint64_t x) noexcept {
-  x -= (x >> 1) & 0x5555555555555555ull;
-  x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
-  x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
-  return static_cast<unsigned>((x * 0x0101010101010101ull) >> 56);
-}
 
 /// A map from 64-bit keys to 32-bit values: open addressing with linear probing, at most
 /// half full, so a look-up is about one cache line.
@@ -180,14 +175,17 @@ inline void prefetch_node(const Sexp_* n) noexcept {
 /// another as a depth-first walk must. The loop that reads them does as little as it can,
 /// so that many iterations, and their misses, fit in the processor's window at once; what
 /// can wait (that each node is of this manager, that children's ids are the smaller) is
-/// checked after it. run() gives up (false) at a node of another manager, a
+/// checked after it. run() gives up (refused) at a node of another manager, a
 /// cons child whose id is not below its parent's (id order is then no order for the file),
-/// or a bitmap heavier than 256 bytes a node reached.
+/// or a bitmap heavier than 256 bytes a node reached; and (over_budget) once it has reached
+/// more than `budget` nodes, give or take 1024.
 class ListingById {
  public:
-  ListingById(const SexpManager* m, Listing& out) : m_(m), out_(out) {}
+  enum Outcome { listed, refused, over_budget };
 
-  bool run(const Sexp* roots, std::size_t n) {
+  ListingById(const SexpManager* m, Listing& out, std::size_t budget) : m_(m), out_(out), budget_(budget) {}
+
+  Outcome run(const Sexp* roots, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i) {
       if (i + ahead < n) prefetch_node(roots[i + ahead].get());
       const Sexp_* r = roots[i].get();
@@ -195,7 +193,7 @@ class ListingById {
       queue_.reserve_two();
       see(r);
       root_ids_.push_back(r->id);
-      if (i % 1024 == 0 && too_heavy()) return false;
+      if (i % 1024 == 0 && stop()) return stop_as();
     }
     for (std::size_t head = 0; head < queue_.size(); ++head) {
       if (head + 2 * ahead < queue_.size()) prefetch_node(queue_[head + 2 * ahead]);
@@ -211,12 +209,12 @@ class ListingById {
       see(a);
       see(d);
       records_.push_back({v->id, a->id, d->id});
-      if (foreign_ || (head % 1024 == 0 && too_heavy())) return false;
+      if (foreign_ || (head % 1024 == 0 && stop())) return stop_as();
     }
-    if (foreign_) return false;
+    if (foreign_) return refused;
     check_count(out_.atoms.size());
     check_count(queue_.size());
-    return number();
+    return number() ? listed : refused;
   }
 
  private:
@@ -242,6 +240,8 @@ class ListingById {
   bool too_heavy() const noexcept {
     return ids_.bytes() > (std::size_t{1} << 20) + 256 * (queue_.size() + out_.atoms.size());
   }
+  bool stop() const noexcept { return too_heavy() || queue_.size() + out_.atoms.size() > budget_; }
+  Outcome stop_as() const noexcept { return foreign_ || too_heavy() ? refused : over_budget; }
 
   // A reached node's reference: an id that is no cons's is an atom's.
   std::uint32_t reference(std::uint32_t id) noexcept {
@@ -268,6 +268,7 @@ class ListingById {
 
   const SexpManager* m_;
   Listing& out_;
+  std::size_t budget_;
   bool foreign_ = false;                // a node of another manager (or of none) was reached
   IdSet ids_;                           // of every node reached; of the conses, once numbered
   OpenMap atom_index_;                  // atom id -> index
@@ -352,12 +353,26 @@ class ListingByWalk {
 
 }  // namespace
 
+// Listing in id order reads nodes one by one, from wherever they are; listing by slot
+// streams through the whole pool. So the first goes on while the nodes it reached are few
+// beside the pool, and the second takes over past that; each steps aside for the next when
+// its order does not fit (the depth-first walk fits every input).
 Listing list_nodes(const Sexp* roots, std::size_t n) {
   Listing out;
   if (n == 0) return out;
   const SexpManager* m = roots[0].get()->mgr;
   if (m != nullptr && IoAccess::ids_are_unique(*m)) {
-    if (ListingById(m, out).run(roots, n)) {
+    auto outcome = ListingById(m, out, slot_listing_threshold(*m)).run(roots, n);
+    if (outcome == ListingById::over_budget) {
+      out = Listing();
+      if (list_by_slot(*m, roots, n, out)) {
+        outcome = ListingById::listed;
+      } else {
+        out = Listing();
+        outcome = ListingById(m, out, SIZE_MAX).run(roots, n);
+      }
+    }
+    if (outcome == ListingById::listed) {
       out.manager = m;
       return out;
     }

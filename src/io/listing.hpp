@@ -41,6 +41,14 @@ struct Listing {
 /// std::length_error past 2^31 - 1 atoms or conses, std::bad_alloc.
 Listing list_nodes(const Sexp* roots, std::size_t n);
 
+/// The number of set bits of `x`.
+inline unsigned popcount(std::uint64_t x) noexcept {
+  x -= (x >> 1) & 0x5555555555555555ull;
+  x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
+  x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+  return static_cast<unsigned>((x * 0x0101010101010101ull) >> 56);
+}
+
 /// The message of the std::invalid_argument thrown for a cycle.
 extern const char* const cycle_message;
 

@@ -100,8 +100,11 @@ class Encoder {
       }
     }
     each_reference([&](Context c, const Class& k, std::uint64_t v) {
-      w.put(code_[c].bits(k.symbol), code_[c].length(k.symbol));
-      w.put_offset(k.hi - k.lo + 1, v - k.lo);
+      // A symbol's code (11 bits at most), then its offset (31 at most), in one put.
+      const unsigned length = code_[c].length(k.symbol);
+      unsigned count;
+      const std::uint64_t offset = BitWriter<Sink>::offset_code(k.hi - k.lo + 1, v - k.lo, count);
+      w.put(code_[c].bits(k.symbol) | offset << length, length + count);
     });
     w.finish();
     sink.finish();
@@ -148,12 +151,20 @@ class Encoder {
 
   // Counts the symbols of each code, fits the codes and returns the bits of the code section.
   std::uint64_t fit_codes() {
-    std::uint64_t freq[3][PrefixCode::max_symbols] = {};
+    // Counted in four lanes in turn: one symbol often follows itself, and each count would
+    // otherwise wait for the one before to be stored.
+    std::uint64_t lane_freq[4][3][PrefixCode::max_symbols] = {};
     std::uint64_t bits = 0;
+    unsigned lane = 0;
     each_reference([&](Context c, const Class& k, std::uint64_t v) {
-      ++freq[c][k.symbol];
+      ++lane_freq[lane][c][k.symbol];
+      lane = (lane + 1) & 3;
       bits += offset_bits(k.hi - k.lo + 1, v - k.lo);
     });
+    std::uint64_t freq[3][PrefixCode::max_symbols] = {};
+    for (const auto& f : lane_freq)
+      for (unsigned c = 0; c < 3; ++c)
+        for (unsigned s = 0; s < PrefixCode::max_symbols; ++s) freq[c][s] += f[c][s];
     for (unsigned c = 0; c < 3; ++c) {
       code_[c] = PrefixCode::fitted(freq[c], alphabet[c]);
       for (unsigned s = 0; s < alphabet[c]; ++s) {

@@ -55,6 +55,21 @@ std::vector<Sexp> random_dag(SexpManager& m, int n, int leaves, std::uint64_t se
   return all;
 }
 
+// 12000 conses, the later half collected, then 8000 made again over the nodes kept (and,
+// if `over_new`, over each other too).
+std::vector<Sexp> after_reuse(SexpManager& m, bool over_new) {
+  std::vector<Sexp> all = random_dag(m, 12000, 30, 13);
+  all.resize(6000);
+  m.collect();  // their slots come back in the order of collection, not of address
+  const std::size_t kept = all.size();
+  for (std::uint64_t seed = 17; all.size() < kept + 8000;) {
+    seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+    const std::size_t from = over_new ? all.size() : kept;
+    all.push_back(m.sh_cons(all[(seed >> 33) % from], all[(seed >> 13) % from]));
+  }
+  return all;
+}
+
 struct Generated {
   const char* name;
   std::function<std::vector<Sexp>(SexpManager&)> make;
@@ -81,6 +96,10 @@ const Generated generated[] = {
        const Sexp a = m.sym(m.make_symbol("a")), b = m.sym(m.make_symbol("a"));
        return std::vector<Sexp>{m.cons(a, m.cons(b, a)), m.cons(a, b)};
      }},
+    // Slots freed, then taken by younger conses: over older nodes only, slot order is an
+    // order for the file though not id order; over each other, it is none.
+    {"reused slots, children older", [](SexpManager& m) { return after_reuse(m, false); }},
+    {"reused slots, children anywhere", [](SexpManager& m) { return after_reuse(m, true); }},
     {"child made after its parent", [](SexpManager& m) {  // ids give no order: depth first
        Sexp e = parse(m, "(a (b c) d)");
        e.cdr().setcar(parse(m, "(new list)"));

@@ -50,8 +50,10 @@ bool is_binary(std::string_view first_bytes) noexcept;
 ///
 /// Nodes are listed in the order of their ids when that puts every child first (as it
 /// does for nodes built bottom-up in one manager, the usual case, found in one pass over
-/// the nodes with memory-level parallelism); otherwise in depth-first post-order from the
-/// roots. Either way the time is linear in the distinct nodes and nothing recurses; no
+/// the nodes with memory-level parallelism), or, for a fair share of a manager's nodes, in
+/// the order of their slots in its pool, found in a sweep of it; otherwise in depth-first
+/// post-order from the roots. The time is linear in the distinct nodes (the sweep's in the
+/// pool's slots, taken only past 1/256 of them) and nothing recurses; no
 /// node and no count is changed. Bytes go to `out` unformatted, in pieces of about 64 KiB.
 ///
 /// Throws std::invalid_argument when a root reaches a cycle (made with setcar/setcdr),

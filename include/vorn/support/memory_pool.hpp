@@ -148,6 +148,24 @@ class MemoryPool<Size, false> {
     mark_free_slots(nullptr);
   }
 
+  /// Calls `visit(first_slot)` for every chunk taken, newest first; its slot count is the
+  /// count of the chunk after it in the other direction: the oldest has first_chunk_slots(),
+  /// and each later one next_chunk_slots() of the one before. Reads the chunks' links only.
+  template <class Visit>
+  void for_each_chunk(Visit visit) const {
+    for (const void* chunk = chunk_list; chunk != nullptr; chunk = *static_cast<void* const*>(chunk))
+      visit(static_cast<const void*>(static_cast<const char*>(chunk) + sizeof(void*)));
+  }
+  std::uint64_t first_chunk_slots() const noexcept { return oldest_chunk_slots; }
+  /// Slots in all chunks taken, in use or not.
+  std::uint64_t slots_taken() const noexcept { return slots_in_chunks; }
+
+  /// The size of the chunk taken after one of `n` slots.
+  std::uint64_t next_chunk_slots(std::uint64_t n) const noexcept {
+    auto next = static_cast<std::uint64_t>(static_cast<float>(n) * growth_factor);
+    return max_chunk_slots != 0 && max_chunk_slots < next ? max_chunk_slots : next;
+  }
+
  private:
   // The single place that calls malloc; kept out of line so that allocate() stays small.
   __attribute__((noinline)) void take_chunk() {
@@ -168,12 +186,6 @@ class MemoryPool<Size, false> {
     *reinterpret_cast<void**>(last) = nullptr;
     detail::poison_free_slot(last, Size);
     free_list = first;
-  }
-
-  // The size of the chunk taken after one of `n` slots.
-  std::uint64_t next_chunk_slots(std::uint64_t n) const noexcept {
-    auto next = static_cast<std::uint64_t>(static_cast<float>(n) * growth_factor);
-    return max_chunk_slots != 0 && max_chunk_slots < next ? max_chunk_slots : next;
   }
 
   // Writes `mark` in the second word of every free slot (unpoisoned while it is not null).
