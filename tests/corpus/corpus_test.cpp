@@ -144,7 +144,8 @@ void spell(const sexp_t* e, std::string& out, Counts& counts) {
   ++counts.elements;
   if (e->ty == SEXP_LIST) {
     const char* sep = "(";
-    for (const sexp_t* c = e->list; c != nullptr; c = c->next, sep = " ") spell(c, out += sep, counts);
+    for (const sexp_t* c = e->list; c != nullptr; c = c->next, sep = " ")
+      spell(c, out += sep, counts);
     out += e->list == nullptr ? "()" : ")";
     return;
   }
@@ -190,7 +191,7 @@ std::optional<std::string> round_trip_failure(vorn::SexpManager& m,
   }
   std::stringstream data;
   vorn::save(data, exprs);
-  if (vorn::load(m, data) != exprs) return std::string("saved in binary, loads back as other nodes");
+  if (vorn::load(m, data) != exprs) return std::string("saved in binary, loads back as others");
   vorn::SexpManager elsewhere;
   data.seekg(0);
   if (vorn::copy(m, vorn::load(elsewhere, data)) != exprs)
