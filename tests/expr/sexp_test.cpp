@@ -6,7 +6,6 @@
 #include <cstring>
 #include <vector>
 
-#include "support/small_stack.hpp"
 #include "vorn/expr/manager.hpp"
 
 namespace vorn {
@@ -69,20 +68,6 @@ TEST(SexpHandle, DyingTreesReturnSlotsInPostOrder) {
     EXPECT_EQ(reused, Slots(made.rbegin(), made.rend())) << rpn;  // last freed, first reused
   }
   EXPECT_EQ(counts_of(kept), Counts{1});
-}
-
-TEST(SexpHandle, DeepStructuresReleaseOnASmallStack) {
-  test::run_on_small_stack([] {
-    SexpManager m;
-    const Sexp nil = m.nil();
-    Sexp list = nil, chain = nil;
-    for (int i = 0; i < 10'000'000; ++i) list = m.cons(nil, list);
-    list = Sexp();
-    for (int i = 0; i < 1'000'000; ++i) chain = m.cons(chain, nil);
-    Sexp_* const root = chain.get();
-    chain = Sexp();
-    EXPECT_EQ(m.sym(7).get(), root);
-  });
 }
 
 }  // namespace

@@ -107,14 +107,15 @@ void extend(World& w) {  // the list of h[0], ... h[k % 60], ... over and over
   w.h.push_back(w.m->sh_cons(w.h[w.k % 60], w.k != 0 ? w.h.back() : w.m->nil()));
   ++w.k;
 }
-void write_all(World& w) {  // every expression held, as text
+std::string texts(const std::vector<Sexp>& es) {
   std::string s;
-  for (const Sexp& e : w.h) s += to_text(e);
-  w.put(s);
+  for (const Sexp& e : es) s += to_text(e);
+  return s;
 }
-void parse_error(World& w) {
+void write_all(World& w) { w.put(texts(w.h)); }  // every expression held, as text
+void put_error(World& w, const std::string& text) {  // the message of reading `text`
   try {
-    parse(*w.m, "(a (b");
+    parse(*w.m, text);
   } catch (const ParseError& e) {
     w.put(e.what());
   }
@@ -220,21 +221,18 @@ const std::vector<Workload> workloads = {
       {fixed, [](World& w) { I::set_next_id(*w.m, 0xFFFFFFF0u); }},
       {sharing, extend, 40},
       {fixed, write_all}}},
-    {"BinaryAndCopy",  // new nodes from another manager's data and nodes, then our own
+    // Text read and written, then new nodes from another manager's data and nodes, then our own.
+    {"ParsingBinaryAndCopy",
      {{building, [](World& w) { w.build(assorted); }},
+      {fixed, write_all},
+      {building, [](World& w) { w.put(to_text(parse(*w.m, deep))); }},
+      {fixed, [](World& w) { put_error(w, "(a (b"); }},
       {building,
        [](World& w) {
          std::istringstream is(elsewhere().saved);
-         std::string s;
-         for (const Sexp& e : load(*w.m, is)) s += to_text(e);
-         w.put(s);
+         w.put(texts(load(*w.m, is)));
        }},
-      {building,
-       [](World& w) {
-         std::string s;
-         for (const Sexp& e : copy(*w.m, elsewhere().roots)) s += to_text(e);
-         w.put(s);
-       }},
+      {building, [](World& w) { w.put(texts(copy(*w.m, elsewhere().roots))); }},
       {fixed,
        [](World& w) {
          std::ostringstream os;
@@ -248,22 +246,11 @@ const std::vector<Workload> workloads = {
          w.put(load(*w.m, is) == w.h ? "same" : "other");
        }},
       {building, [](World& w) { w.put(copy(*w.m, w.h) == w.h ? "same" : "other"); }}}},
-    {"Parsing",
-     {{building, [](World& w) { w.build(assorted); }},
-      {fixed, write_all},
-      {building, [](World& w) { w.put(to_text(parse(*w.m, deep))); }},
-      {fixed, parse_error}}},
     {"Labels",
      {{building, [](World& w) { w.build(labelled()); }},
       {fixed, [](World& w) { w.put(to_text(w.h[0], {Dialect::scheme, true, 9, 1, true})); }},
-      {fixed,
-       [](World& w) {
-         try {
-           parse(*w.m, labelled() + "#0#");  // a label's scope ends with its expression
-         } catch (const ParseError& e) {
-           w.put(e.what());
-         }
-       }}}},
+      // A label's scope ends with its expression.
+      {fixed, [](World& w) { put_error(w, labelled() + "#0#"); }}}},
 };
 
 // The state a failed step may change only as its Allow says: the next id, the canonical nodes,

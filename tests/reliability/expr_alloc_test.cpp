@@ -17,6 +17,7 @@
 #include "vorn/expr/manager.hpp"
 #include "vorn/expr/matcher.hpp"
 #include "vorn/expr/string_table.hpp"
+#include "vorn/text/parse.hpp"
 
 namespace vorn {
 namespace {
@@ -55,14 +56,8 @@ TEST(SexpManagerSymbols, AFailedNameCopyEntersNothing) {
 // references, so that every count is whole again once the matcher is gone.
 TEST(Matcher, FailedAllocationMidWalkLeavesCountsWhole) {
   SexpManager m;
-  const auto S = [&m](const char* name) { return m.sh_sym(m.make_symbol(name)); };
-  const auto L = [&m](std::vector<Sexp> items) {  // (p q r ...): canonical, ending in nil
-    Sexp list = m.nil();
-    for (auto i = items.rbegin(); i != items.rend(); ++i) list = m.sh_cons(*i, list);
-    return list;
-  };
-  const Sexp f = S("f"), g = S("g"), a = S("a"), b = S("b"), X = S("X"), Y = S("Y");
-  const Sexp p = L({f, X, L({g, X, Y}), Y}), e = L({f, a, L({g, a, b}), b});
+  const Sexp X = parse(m, "X"), Y = parse(m, "Y");
+  const Sexp p = parse(m, "(f X (g X Y) Y)"), e = parse(m, "(f a (g a b) b)");
   std::vector<Sexp_*> nodes;
   for (std::vector<Sexp_*> todo{p.get(), e.get()}; !todo.empty();) {
     Sexp_* n = todo.back();
@@ -87,18 +82,24 @@ TEST(Matcher, FailedAllocationMidWalkLeavesCountsWhole) {
   }
 }
 
-TEST(StringTable, AFailedAllocationLeavesTheTableAsItWas) {
+// Contents are numbered densely in order of first sight, and a view of one never moves; a
+// failed allocation leaves the table as it was, and the content goes in afterwards.
+TEST(StringTable, DenseIndicesStableViewsAndAFailedAllocationLeavesTheTableAsItWas) {
   const std::vector<std::string> contents = test::string_samples();
+  std::vector<const char*> data;
+  data.reserve(contents.size());  // not while the probe counts
   for (std::size_t fail = 0;; ++fail) {
     StringTable t;
     std::size_t done = 0;
     bool failed = false;
+    data.clear();
     {
       MallocProbe probe(true);
       probe.fail_at(fail);
       for (; done < contents.size(); ++done) {
         try {
-          t.intern(contents[done]);
+          ASSERT_EQ(t.intern(contents[done]), done);
+          data.push_back(t.at(done).data());
         } catch (const std::bad_alloc&) {
           failed = true;
           break;
@@ -106,9 +107,18 @@ TEST(StringTable, AFailedAllocationLeavesTheTableAsItWas) {
       }
     }
     ASSERT_EQ(t.size(), done);
-    for (std::size_t i = 0; i < done; ++i) ASSERT_EQ(t.at(i), contents[i]) << fail << " " << i;
-    if (!failed) break;
-    EXPECT_EQ(t.intern(contents[done]), done);  // the failed one goes in afterwards
+    for (std::size_t i = 0; i < done; ++i) {
+      ASSERT_EQ(t.at(i), contents[i]) << fail << " " << i;
+      ASSERT_EQ(t.at(i).data(), data[i]) << fail << " " << i;
+    }
+    if (failed) {
+      EXPECT_EQ(t.intern(contents[done]), done);  // the failed one goes in afterwards
+      continue;
+    }
+    EXPECT_FALSE(t.contains(done));
+    for (std::size_t i = 0; i < done; ++i) ASSERT_EQ(t.intern(std::string(contents[i])), i) << i;
+    EXPECT_EQ(t.size(), done);  // found again from another copy
+    break;
   }
 }
 

@@ -11,16 +11,20 @@
 namespace vorn {
 namespace {
 
-TEST(LoadRules, AddsTheFormsInOrderInAnyDialect) {
+TEST(LoadRules, AddsTheFormsInOrderInAnyDialectAndValuesMeanTheManagersNames) {
   SexpManager m;
   Rewriter rw(m);
   EXPECT_EQ(load_rules(rw, "; Peano\n(rule (+ z ?n) ?n)\n(rule (+ (s ?m) ?n) (s (+ ?m ?n)))"), 2u);
-  ReadOptions scheme;
-  scheme.dialect = Dialect::scheme;
-  EXPECT_EQ(load_rules(rw, "[rule (double ?n) (+ ?n ?n)] #| none |#", scheme), 1u);
+  EXPECT_EQ(load_rules(rw, "[rule (double ?n) (+ ?n ?n)] #| none |#", {Dialect::scheme}), 1u);
   EXPECT_EQ(load_rules(rw, "  ; nothing\n"), 0u);
   EXPECT_EQ(rw.rule_count(), 3u);
   EXPECT_EQ(to_text(rw.normalize(parse(m, "(double (s (s z)))"))), "(s (s (s (s z))))");
+  // A symbol written by its value means what that value means in the rewriter's manager.
+  const unsigned long rule = m.make_symbol("rule"), var = m.make_symbol("?v");
+  const std::string r = "#" + std::to_string(rule), v = "#" + std::to_string(var);
+  EXPECT_EQ(load_rules(rw, "(" + r + " (f " + v + ") " + v + ")"), 1u);
+  EXPECT_EQ(to_text(rw.normalize(parse(m, "(f q)"))), "q");
+  EXPECT_THROW(load_rules(rw, "(" + r + " f " + v + ")"), ParseError);  // ?v unbound
 }
 
 // Every error is a ParseError where the form (or the bad byte) is, and leaves the manager
@@ -53,17 +57,6 @@ TEST(LoadRules, BadFormsAreReportedWhereTheyBeginAndChangeNothing) {
     EXPECT_EQ(std::make_tuple(m.next_id(), m.ids_handed_out(), m.canonical_count(), m.name_count()), before) << text;
     EXPECT_EQ(rw.rule_count(), 0u);
   }
-}
-
-// A symbol written by its value means what that value means in the rewriter's manager.
-TEST(LoadRules, ValuesWrittenAsNumbersMeanTheManagersNames) {
-  SexpManager m;
-  Rewriter rw(m);
-  const unsigned long rule = m.make_symbol("rule"), var = m.make_symbol("?v");
-  const std::string r = "#" + std::to_string(rule), v = "#" + std::to_string(var);
-  EXPECT_EQ(load_rules(rw, "(" + r + " (f " + v + ") " + v + ")"), 1u);
-  EXPECT_EQ(to_text(rw.normalize(parse(m, "(f q)"))), "q");
-  EXPECT_THROW(load_rules(rw, "(" + r + " f " + v + ")"), ParseError);  // ?v unbound
 }
 
 }  // namespace

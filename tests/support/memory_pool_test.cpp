@@ -9,14 +9,6 @@ namespace {
 
 using vorn::MemoryPool;
 
-TEST(MemoryPool, FreeListIsLastInFirstOut) {
-  MemoryPool<32, false> pool(4, 1.0f, 0);
-  const std::vector<void*> slots{pool.allocate(), pool.allocate()};
-  for (void* slot : slots) pool.deallocate(slot);
-  EXPECT_EQ((std::vector<void*>{pool.allocate(), pool.allocate()}),
-            (std::vector<void*>{slots[1], slots[0]}));
-}
-
 // Chunks of 1, 2, 4, 8 slots, or of 5, 7, 9 (chunk sizes are worked out again from the first
 // one, in single precision too); every third slot given back, none of them a chunk's last. The
 // visit sees exactly the slots in use, and leaves the free list.

@@ -2,18 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <sstream>
 
-#include "vorn/expr/instantiate.hpp"
-#include "vorn/text/parse.hpp"
+#include "vorn/expr/manager.hpp"
 
 namespace vorn {
 namespace {
 
 Sexp S(SexpManager& m, const char* name) { return m.sh_sym(m.make_symbol(name)); }
 
-TEST(WriteText, ExactTextMarkedCyclesNoMarksLeftAndRoundTrips) {
+TEST(WriteText, ExactTextMarkedCyclesAndNoMarksLeft) {
   SexpManager m;
   const Sexp a = S(m, "a"), nil = m.nil();
   Sexp c1 = m.cons(a, nil), c2 = m.cons(a, c1), self = m.cons(nil, nil), in = m.cons(a, nil);
@@ -42,18 +40,6 @@ TEST(WriteText, ExactTextMarkedCyclesNoMarksLeftAndRoundTrips) {
   EXPECT_THROW(write_text(failing, c2), std::ios_base::failure);
   EXPECT_TRUE(to_text(c2) == good.str());  // so no mark was left behind
 
-  // Random shapes over the names above (ids 0 to 15, 0 being nil) and unnamed ids: the
-  // plain nodes and their canonical copy are written alike, and read back as the copy.
-  std::mt19937_64 rng(20240611);
-  const auto leaf = [&] { return m.sym(rng() % 24); };
-  for (int round = 0; round < 300; ++round) {
-    Sexp e = leaf();
-    for (int i = rng() % 30; i > 0; --i)  // lists, dotted tails, nesting, shared parts
-      e = rng() % 3 ? m.cons(leaf(), e) : rng() % 2 ? m.cons(e, leaf()) : m.cons(e, e);
-    const std::string text = to_text(e);
-    EXPECT_EQ(parse(m, text), instantiate(m, e, SexpMatcher())) << text;
-    EXPECT_EQ(to_text(parse(m, text)), text);
-  }
 }
 
 }  // namespace

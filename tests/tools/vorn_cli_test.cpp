@@ -69,12 +69,13 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
       {{"rewrite", rules, "a", "(f a))"}, "", 2, "", StartsWith("vorn: <arg 3>:1:6: ")},
       {{"rewrite", "--builtin"}, "(d x x)\n (f\n", 2, "(d x x) => 1\n",  // results as terms come
        StartsWith("vorn: <stdin>:3:1: ")},
-      {{"--help"}, "", 0, StartsWith("usage: vorn"), ""}, {{}, "", 2, "", StartsWith("vorn: ")},
+      // Each command takes its own options; --, --help and -h are every command's.
+      {{"--help"}, "", 0, AllOf(StartsWith("usage: vorn"),
+       HasSubstr("\n  rewrite [RULES-FILE] [TERM...]  rewrite terms to")), ""},
+      {{}, "", 2, "", StartsWith("vorn: ")},
       {{"match", "-h"}, "", 0, StartsWith("usage: vorn"), ""},
       {{"frob"}, "", 2, "", StartsWith("vorn: ")},
       {{"rewrite", "--max-steps", "x"}, "", 2, "", StartsWith("vorn: ")},
-      // Each command takes its own options; --, --help and -h are every command's.
-      {{"--help"}, "", 0, HasSubstr("\n  rewrite [RULES-FILE] [TERM...]  rewrite terms to"), ""},
       {{"rewrite", "--max-steps"}, "", 2, "",
        StartsWith("vorn: --max-steps needs a value\nusage: vorn rewrite")},
       {{"rewrite", "--trace=1", rules}, "", 2, "",
@@ -106,10 +107,6 @@ TEST(VornCli, ExitStatusOutputAndErrors) {
       {{"convert", "(a (b) (b))", "--to", "text", "#0=(c)", "(#1=(x) #1# #1#)"}, "", 0,
        "(a (b) (b))\n(c)\n((x) (x) (x))\n", ""},
       {{"convert", "--dialect=scheme"}, "(a . #0=(b c)) (#1=(x) #1#)", 0, "(a b c)\n(#0=(x) #0#)\n", ""},
-      {{"convert", "(f #1#)"}, "", 2, "",
-       "vorn: <arg 1>:1:4: undefined label '#1#' (no '#1=' before it in this expression)\n"},
-      {{"convert"}, "\n (a #0=(b) #0=(c))", 2, "",
-       "vorn: <stdin>:2:12: label '#0=' defined twice (first at 2:5)\n"},
       {{"convert", "-f", "-"}, "\x89vorn\r\n\x1a\x02", 2, "",
        "vorn: <stdin>: byte 8: unsupported format version 2 (this library reads version 1)\n"},
       {{"convert", "--to", "bin"}, "", 2, "",
