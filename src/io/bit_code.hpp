@@ -122,13 +122,34 @@ class BitWriter {
 
   /// The `k` low bits of `bits` (k <= 56, no higher bit set).
   void put(std::uint64_t bits, unsigned k) {
-    acc_ |= bits << used_;
-    used_ += k;
-    store_le64(buf_.data() + at_, acc_);
-    at_ += used_ >> 3;
-    acc_ >>= used_ & 56;
-    used_ &= 7;
-    if (at_ >= block) drain();
+    batch([bits, k](auto& put_bits) { put_bits(bits, k); });
+  }
+
+  /// Runs `body(put_bits)`, where put_bits(bits, k) is put(bits, k), with the writer's
+  /// state held in locals meanwhile: stores into the byte buffer may alias any member, so
+  /// put() on members would go through memory each time, one put waiting on the last.
+  template <class Body>
+  void batch(Body body) {
+    std::uint64_t acc = acc_;
+    unsigned used = used_;
+    std::size_t at = at_;
+    unsigned char* const buf = buf_.data();
+    auto put_bits = [&](std::uint64_t bits, unsigned k) {
+      acc |= bits << used;
+      used += k;
+      store_le64(buf + at, acc);
+      at += used >> 3;
+      acc >>= used & 56;
+      used &= 7;
+      if (at >= block) {
+        sink_.bytes(buf, at);
+        at = 0;  // the bits of a partial byte are still in acc
+      }
+    };
+    body(put_bits);
+    acc_ = acc;
+    used_ = used;
+    at_ = at;
   }
 
   /// The bits that code offset x among n values in truncated binary (with k = floor(log2 n)

@@ -24,6 +24,9 @@ struct IoAccess {
   /// sh_sym and sh_cons without the caller's reference (see SexpManager::shared_cons).
   static Sexp_* symbol(SexpManager& m, std::uint64_t value) { return m.shared_symbol(value); }
   static Sexp_* cons(SexpManager& m, Sexp_* car, Sexp_* cdr) { return m.shared_cons(car, cdr); }
+  /// cons() of a shape the caller knows is absent from the table: the same effects as
+  /// cons()'s miss, without the look-up (see SexpManager::shared_cons_absent).
+  static Sexp_* new_cons(SexpManager& m, Sexp_* car, Sexp_* cdr) { return m.shared_cons_absent(car, cdr); }
 
   /// Asks memory, in stage `stage` (0, 1, 2: see Hashtable::prefetch), for what looking up
   /// the shape (car, cdr) in the shared table will read; changes nothing.

@@ -72,13 +72,16 @@ void append_number(std::string& s, std::uint64_t v) {
 enum Context : unsigned { car_refs, cdr_refs, root_refs };
 constexpr unsigned alphabet[3] = {child_symbols, child_symbols, root_symbols};
 
-/// Writes one listing: atoms ranked by use, then two passes over the references, one to
-/// count each code's symbols and fit the codes, one to write them.
+/// Writes one listing: atoms ranked by use, then the codes fitted and the references
+/// written. The references are read twice, not three times: the pass that counts each
+/// atom's uses also counts the cons references' symbols, which do not depend on the atoms'
+/// ranks; the atom references' symbols and bits follow from the ranks and the counts.
 class Encoder {
  public:
   explicit Encoder(const Listing& l) : l_(l) {}
 
   void write(std::ostream& out) {
+    count_references();
     rank_atoms();
     const std::string atoms = atom_section();
     const std::uint64_t bits = fit_codes();
@@ -99,12 +102,14 @@ class Encoder {
         w.put(length == 0 ? 0 : 1 | length << 1, length == 0 ? 1 : 1 + length_bits);
       }
     }
-    each_reference([&](Context c, const Class& k, std::uint64_t v) {
-      // A symbol's code (11 bits at most), then its offset (31 at most), in one put.
-      const unsigned length = code_[c].length(k.symbol);
-      unsigned count;
-      const std::uint64_t offset = BitWriter<Sink>::offset_code(k.hi - k.lo + 1, v - k.lo, count);
-      w.put(code_[c].bits(k.symbol) | offset << length, length + count);
+    w.batch([this](auto& put_bits) {
+      each_reference([&](Context c, const Class& k, std::uint64_t v) {
+        // A symbol's code (11 bits at most), then its offset (31 at most), in one put.
+        const unsigned length = code_[c].length(k.symbol);
+        unsigned count;
+        const std::uint64_t offset = BitWriter<Sink>::offset_code(k.hi - k.lo + 1, v - k.lo, count);
+        put_bits(code_[c].bits(k.symbol) | offset << length, length + count);
+      });
     });
     w.finish();
     sink.finish();
@@ -113,17 +118,52 @@ class Encoder {
  private:
   bool used(Context c) const noexcept { return c == root_refs ? !l_.roots.empty() : l_.conses() != 0; }
 
+  // Each atom's uses in each context; for cons references, each symbol's count and the
+  // bits of their offsets.
+  void count_references() {
+    for (auto& u : uses_) u.assign(l_.atoms.size(), 0);
+    // Symbols are counted in four lanes in turn: one symbol often follows itself, and each
+    // count would otherwise wait for the one before to be stored.
+    std::uint64_t lane_freq[4][2][PrefixCode::max_symbols] = {};
+    std::uint64_t* uses[2] = {uses_[car_refs].data(), uses_[cdr_refs].data()};
+    unsigned lane = 0;
+    std::uint64_t bits = 0;  // a local, not offset_bits_, which the stores to uses may alias
+    const std::uint64_t conses = l_.conses();
+    const std::uint32_t* refs = l_.refs.data();
+    for (std::uint64_t i = 0; i < conses; ++i) {
+      for (const Context c : {car_refs, cdr_refs}) {
+        const std::uint32_t r = refs[2 * i + c];
+        if ((r & Listing::atom_tag) != 0) {
+          ++uses[c][r ^ Listing::atom_tag];
+        } else {
+          const Class k = distance_class(i - r, i);
+          ++lane_freq[lane][c][k.symbol];
+          lane = (lane + 1) & 3;
+          bits += offset_bits(k.hi - k.lo + 1, i - r - k.lo);
+        }
+      }
+    }
+    offset_bits_ = bits;
+    for (const auto& f : lane_freq)
+      for (unsigned c = 0; c < 2; ++c)
+        for (unsigned s = 0; s < PrefixCode::max_symbols; ++s) freq_[c][s] += f[c][s];
+    each_root([this](std::uint32_t j) { ++uses_[root_refs][j]; },
+              [this](const Class& k, std::uint64_t v) {
+                ++freq_[root_refs][k.symbol];
+                offset_bits_ += offset_bits(k.hi - k.lo + 1, v - k.lo);
+              });
+  }
+
   // Atoms most referenced first (then in listing order), so the common ones code short.
   void rank_atoms() {
-    std::vector<std::uint64_t> uses(l_.atoms.size(), 0);
-    for (const auto* refs : {&l_.refs, &l_.roots})
-      for (const std::uint32_t r : *refs)
-        if ((r & Listing::atom_tag) != 0) ++uses[r ^ Listing::atom_tag];
+    std::vector<std::uint64_t> total(l_.atoms.size());
+    for (std::size_t j = 0; j < total.size(); ++j)
+      total[j] = uses_[car_refs][j] + uses_[cdr_refs][j] + uses_[root_refs][j];
     by_rank_.resize(l_.atoms.size());
     std::iota(by_rank_.begin(), by_rank_.end(), 0u);
     // Not stable_sort: its buffer, when it cannot be had, is done without silently.
-    std::sort(by_rank_.begin(), by_rank_.end(), [&uses](std::uint32_t a, std::uint32_t b) {
-      return uses[a] != uses[b] ? uses[a] > uses[b] : a < b;
+    std::sort(by_rank_.begin(), by_rank_.end(), [&total](std::uint32_t a, std::uint32_t b) {
+      return total[a] != total[b] ? total[a] > total[b] : a < b;
     });
     rank_.resize(l_.atoms.size());
     for (std::uint32_t k = 0; k < by_rank_.size(); ++k) rank_[by_rank_[k]] = k;
@@ -149,31 +189,50 @@ class Encoder {
     return s;
   }
 
-  // Counts the symbols of each code, fits the codes and returns the bits of the code section.
+  // Adds the atom references to the counts, fits the codes and returns the bits of the
+  // code section.
   std::uint64_t fit_codes() {
-    // Counted in four lanes in turn: one symbol often follows itself, and each count would
-    // otherwise wait for the one before to be stored.
-    std::uint64_t lane_freq[4][3][PrefixCode::max_symbols] = {};
-    std::uint64_t bits = 0;
-    unsigned lane = 0;
-    each_reference([&](Context c, const Class& k, std::uint64_t v) {
-      ++lane_freq[lane][c][k.symbol];
-      lane = (lane + 1) & 3;
-      bits += offset_bits(k.hi - k.lo + 1, v - k.lo);
-    });
-    std::uint64_t freq[3][PrefixCode::max_symbols] = {};
-    for (const auto& f : lane_freq)
-      for (unsigned c = 0; c < 3; ++c)
-        for (unsigned s = 0; s < PrefixCode::max_symbols; ++s) freq[c][s] += f[c][s];
+    const std::uint64_t atoms = l_.atoms.size();
+    std::uint64_t bits = offset_bits_;
+    for (std::uint64_t j = 0; j < atoms; ++j) {
+      const std::uint64_t v = rank_[j] + 1;
+      const Class k = atom_class(v, atoms);
+      const unsigned offset = offset_bits(k.hi - k.lo + 1, v - k.lo);
+      for (unsigned c = 0; c < 3; ++c) {
+        freq_[c][k.symbol] += uses_[c][j];
+        bits += uses_[c][j] * offset;
+      }
+    }
     for (unsigned c = 0; c < 3; ++c) {
-      code_[c] = PrefixCode::fitted(freq[c], alphabet[c]);
+      code_[c] = PrefixCode::fitted(freq_[c], alphabet[c]);
       for (unsigned s = 0; s < alphabet[c]; ++s) {
         const unsigned length = code_[c].length(s);
         if (used(static_cast<Context>(c))) bits += length == 0 ? 1 : 1 + length_bits;
-        bits += freq[c][s] * length;
+        bits += freq_[c][s] * length;
       }
     }
     return bits;
+  }
+
+  // For every root in order: atom(index) for an atom, cons(class, value) for a cons, coded
+  // by where it stands from the last cons root before it.
+  template <class Atom, class Cons>
+  void each_root(Atom atom, Cons cons) const {
+    const auto conses = static_cast<std::int64_t>(l_.conses());
+    std::int64_t previous = -1;  // the last cons root
+    for (const std::uint32_t r : l_.roots) {
+      if ((r & Listing::atom_tag) != 0) {
+        atom(r ^ Listing::atom_tag);
+        continue;
+      }
+      const std::int64_t p = r;
+      const bool after = p > previous;
+      const auto v = static_cast<std::uint64_t>(after ? p - previous : previous - p + 1);
+      const unsigned length = bit_length(v);
+      const auto limit = static_cast<std::uint64_t>(after ? conses - 1 - previous : previous + 1);
+      cons(class_of(atom_symbols + (after ? 0 : 32) + length - 1, length, limit), v);
+      previous = p;
+    }
   }
 
   // Calls visit(context, class, value) for every reference in the order they are written.
@@ -192,27 +251,20 @@ class Encoder {
         }
       }
     }
-    std::int64_t previous = -1;  // the last cons root
-    for (const std::uint32_t r : l_.roots) {
-      if ((r & Listing::atom_tag) != 0) {
-        const std::uint64_t v = rank_[r ^ Listing::atom_tag] + 1;
-        visit(root_refs, atom_class(v, atoms), v);
-        continue;
-      }
-      const std::int64_t p = r;
-      const bool after = p > previous;
-      const auto v = static_cast<std::uint64_t>(after ? p - previous : previous - p + 1);
-      const unsigned length = bit_length(v);
-      const std::uint64_t limit =
-          static_cast<std::uint64_t>(after ? static_cast<std::int64_t>(conses) - 1 - previous : previous + 1);
-      visit(root_refs, class_of(atom_symbols + (after ? 0 : 32) + length - 1, length, limit), v);
-      previous = p;
-    }
+    each_root(
+        [&](std::uint32_t j) {
+          const std::uint64_t v = rank_[j] + 1;
+          visit(root_refs, atom_class(v, atoms), v);
+        },
+        [&](const Class& k, std::uint64_t v) { visit(root_refs, k, v); });
   }
 
   const Listing& l_;
   std::vector<std::uint32_t> by_rank_;  // rank -> atom index
   std::vector<std::uint32_t> rank_;     // atom index -> rank
+  std::vector<std::uint64_t> uses_[3];  // by context: atom index -> references to it there
+  std::uint64_t freq_[3][PrefixCode::max_symbols] = {};  // by context: symbol -> count
+  std::uint64_t offset_bits_ = 0;       // of the references counted so far
   PrefixCode code_[3];
 };
 

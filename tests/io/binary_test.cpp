@@ -150,6 +150,54 @@ TEST(Binary, TwoManagersAndOneFileEachInOneStream) {
   EXPECT_EQ(s.peek(), EOF);
 }
 
+// Entries that name one node twice (plain duplicates, a raw value equal to a name's value
+// there), loaded or copied into a fresh manager and into one that holds some of the shapes:
+// equal shapes give one node, and exactly the shapes that were missing are added, as
+// reading the roots' text adds. (Under asserts, entering a shape that is present aborts.)
+TEST(Binary, EntriesNamingOneNodeTwiceMakeItOnce) {
+  const std::function<std::vector<Sexp>(SexpManager&)> sources[] = {
+      [](SexpManager& m) {  // two plain atoms "a": the first hit is an atom
+        const Sexp a1 = m.sym(m.make_symbol("a")), a2 = m.sym(m.make_symbol("a"));
+        const Sexp c0 = m.cons(a1, a1), c1 = m.cons(a2, a2);
+        return std::vector<Sexp>{m.cons(c1, a1), m.cons(c0, a1), c0, c1};
+      },
+      [](SexpManager& m) {  // two plain (a . b): the first hit is a cons, after which a
+        const Sexp a = m.sh_sym(m.make_symbol("a")), b = m.sh_sym(m.make_symbol("b"));
+        const Sexp c0 = m.cons(a, b), c1 = m.cons(a, b);  // cons over c0 has not been made
+        return std::vector<Sexp>{m.cons(c1, a), m.cons(c0, a), m.cons(b, m.cons(c0, c1))};
+      },
+      [](SexpManager& m) {  // raw value 2 beside the name "b", which is name 2 where loaded
+        const Sexp b = m.sh_sym(m.make_symbol("b")), raw = m.sh_sym(2);
+        return std::vector<Sexp>{m.sh_cons(m.sh_cons(b, b), b), m.sh_cons(m.sh_cons(raw, raw), raw)};
+      },
+  };
+  const auto prepare = [](SexpManager& m, bool holding) {
+    m.make_symbol("x");
+    m.make_symbol("b");  // name 2
+    return holding ? parse_all(m, "(a . a) ((b . b) . b) (a . b)") : std::vector<Sexp>{};
+  };
+  for (std::size_t i = 0; i < std::size(sources); ++i) {
+    SexpManager from;
+    const std::vector<Sexp> roots = sources[i](from);
+    for (const bool holding : {false, true}) {
+      for (const bool by_copy : {false, true}) {
+        SCOPED_TRACE("source " + std::to_string(i) + (holding ? ", holding" : ", fresh") + (by_copy ? ", copy" : ", load"));
+        SexpManager to, by_text;
+        const auto held = prepare(to, holding), held_too = prepare(by_text, holding);
+        const std::size_t before = I::shared_size(to), text_before = I::shared_size(by_text);
+        const std::vector<Sexp> got = by_copy ? copy(to, roots) : loaded(to, saved(roots));
+        std::vector<Sexp> expected;
+        for (const Sexp& r : roots) expected.push_back(parse(by_text, to_text(r)));
+        EXPECT_EQ(I::shared_size(to) - before, I::shared_size(by_text) - text_before);
+        ASSERT_EQ(texts(got), texts(expected));
+        for (std::size_t a = 0; a < got.size(); ++a)
+          for (std::size_t b = 0; b < got.size(); ++b) EXPECT_EQ(got[a] == got[b], expected[a] == expected[b]);
+        for (std::size_t h = 0; h < held.size(); ++h) EXPECT_EQ(parse(to, to_text(held[h])), held[h]);
+      }
+    }
+  }
+}
+
 TEST(Binary, RandomDagCodesCloseToItsEntropy) {
   SexpManager m;
   const auto all = random_dag(m, 100000, 1024, 3);
