@@ -25,6 +25,14 @@ namespace vorn::detail {
 /// the table, and is entered without looking it up, which has exactly the effects of the
 /// look-up's miss. The first hit (a duplicate entry, a value or shape the manager held
 /// already) ends that for the rest of the build.
+///
+/// While every node is new, counts are kept ahead rather than one call at a time: each
+/// cons is made with the count it will end with (its parents among all the listed conses,
+/// counted before the first is made, the table's reference and the builder's), and making
+/// it adds nothing to its children that are conses (it does to atoms, which may be older
+/// nodes). Nothing reads a count in between (a collection in the middle sees every node
+/// of the build held either way), so only the end state shows, and settle() makes it the
+/// one sh_cons one call at a time leaves: at the first hit, and when making a node fails.
 class Builder {
  public:
   Builder(SexpManager& m, std::size_t atoms, std::size_t conses);
@@ -43,14 +51,25 @@ class Builder {
   std::vector<Sexp> roots(const std::uint32_t* refs, std::size_t n) const;
 
  private:
-  static constexpr std::uintptr_t has_parent = 1;
-  static_assert(alignof(Sexp_) > has_parent, "a node address leaves its low bit free");
+  // A node asked for, with its id beside it: the shape of a cons over it hashes without
+  // reading the node. Sixteen bytes, so that one never straddles two cache lines.
+  struct alignas(16) Entry {
+    Sexp_* node;
+    std::uint32_t id;
+  };
 
   std::size_t index(std::uint32_t ref) const noexcept {
     return (ref & Listing::atom_tag) != 0 ? std::size_t{ref ^ Listing::atom_tag} : atoms_ + ref;
   }
-  Sexp_* node_at(std::size_t i) const noexcept { return reinterpret_cast<Sexp_*>(nodes_[i] & ~has_parent); }
-  Sexp_* node(std::uint32_t ref) const noexcept { return node_at(index(ref)); }
+  Sexp_* node(std::uint32_t ref) const noexcept { return nodes_[index(ref)].node; }
+  // The conses from the first while every node is new, counts kept ahead; returns how many
+  // were made (all `n` unless a shape was found in the table).
+  std::size_t conses_all_new(const std::uint32_t* refs, std::size_t n);
+  // The conses from `k` on, each looked up as sh_cons does.
+  void conses_looked_up(const std::uint32_t* refs, std::size_t k, std::size_t n);
+  // Takes back from the first `made` conses the references counted ahead for them by the
+  // conses of `refs` from `from` to `n`, which were not made.
+  void settle(const std::uint32_t* refs, std::size_t from, std::size_t n, std::size_t made) noexcept;
   // Whether every node asked for so far was made new.
   bool all_new() const noexcept { return m_.ids_handed_out() - ids_before_ == nodes_.size(); }
 
@@ -59,9 +78,7 @@ class Builder {
   std::size_t atoms_;           // atoms announced: conses start there in nodes_
   std::size_t planned_;         // nodes announced
   std::uint64_t ids_before_;    // ids the manager had handed out when the build began
-  // The nodes asked for so far (atoms, then conses), each with `has_parent` set once a cons
-  // over it has been asked for.
-  std::vector<std::uintptr_t> nodes_;
+  std::vector<Entry> nodes_;    // the nodes asked for so far: atoms, then conses
 };
 
 }  // namespace vorn::detail

@@ -28,6 +28,23 @@ struct IoAccess {
   /// cons()'s miss, without the look-up (see SexpManager::shared_cons_absent).
   static Sexp_* new_cons(SexpManager& m, Sexp_* car, Sexp_* cdr) { return m.shared_cons_absent(car, cdr); }
 
+  /// new_cons() of children of `m` whose shape hashes to `h`, made with count `count`
+  /// and adding no reference to the children (see SexpManager::shared_cons_absent_counted).
+  static Sexp_* new_cons_counted(SexpManager& m, Sexp_* car, Sexp_* cdr, std::uint64_t h, std::uint32_t count) {
+    return m.shared_cons_absent_counted(car, cdr, h, count);
+  }
+  /// Whether the shape (car, cdr) of nodes of `m` with ids car_id and cdr_id, hashing to
+  /// `h`, is in the table; changes nothing and reads neither child.
+  static bool has_cons(SexpManager& m, const Sexp_* car, const Sexp_* cdr, std::uint32_t car_id,
+                       std::uint32_t cdr_id, std::uint64_t h) {
+    return m.has_shared_cons_of_own(car, cdr, car_id, cdr_id, h);
+  }
+
+  /// prefetch_cons() of a shape known by its hash.
+  __attribute__((always_inline)) static void prefetch_hash(const SexpManager& m, std::uint64_t h,
+                                                           int stage) noexcept {
+    m.shared_table.prefetch(h, stage);
+  }
   /// Asks memory, in stage `stage` (0, 1, 2: see Hashtable::prefetch), for what looking up
   /// the shape (car, cdr) in the shared table will read; changes nothing.
   /// Always inlined, as hsh::detail::prefetch is.

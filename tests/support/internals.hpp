@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
+#include <map>
+#include <vector>
 
 #include "vorn/expr/manager.hpp"
 
@@ -28,6 +31,19 @@ struct SexpManagerInternals {
   static std::size_t symbol_size(const SexpManager& m) { return m.symbol_table.size(); }
   static std::size_t symbol_buckets(const SexpManager& m) { return m.symbol_table.bucket_count(); }
   static std::size_t name_count(const SexpManager& m) { return m.symbol_names.size(); }
+  /// Per canonical node but nil, its count less the references the table, the canonical
+  /// conses and `held` have on it; only the nodes where that is not zero.
+  static std::map<const Sexp_*, std::int64_t> count_excess(SexpManager& m, const std::vector<Sexp>& held) {
+    std::map<const Sexp_*, std::int64_t> excess;
+    m.shared_table.for_each([&](Sexp_* n) {
+      excess[n] += std::int64_t{n->refcount} - 1;
+      if (n->is_symbol == 0) --excess[n->car], --excess[n->cdr];
+    });
+    for (const Sexp& h : held) --excess[h.get()];
+    excess.erase(m.nil_node);
+    for (auto i = excess.begin(); i != excess.end();) i = i->second == 0 ? excess.erase(i) : std::next(i);
+    return excess;
+  }
   /// Slots on the node pool's free list. Takes them all and gives them back in reverse,
   /// so the free list ends exactly as it was; allocates nothing.
   static std::size_t free_slots(SexpManager& m) noexcept {

@@ -345,6 +345,48 @@ class SexpManager {
     }) == nullptr && "shared_cons_absent of a shape in the table");
     return enter_cons(a, d, h);
   }
+  // shared_cons_absent for a builder that keeps the counts itself: the shape, hashing to
+  // `h`, is absent, both children are nodes of this manager (so the cons leaves
+  // child_ids_are_identities as it is), and the node is made with count `count` (mod 2^31)
+  // while its children's counts are left alone: the caller answers for the references the
+  // new cons holds on them. If entering it in the table fails, the node stays alive with
+  // the one count shared_cons_absent's miss would leave it (the table's reference).
+  Sexp_* shared_cons_absent_counted(Sexp_* a, Sexp_* d, std::uint64_t h, std::uint32_t count) {
+    reserve_node();
+    assert(a->mgr == this && d->mgr == this && "a counted cons over another manager's node");
+    assert(h == detail::Shape::cons_hash(a, d) && "a counted cons given another hash");
+    assert(shared_table.find_item(h, [a, d](const Sexp_* n) {
+      return detail::Shape::is_cons_of(n, a, d);
+    }) == nullptr && "shared_cons_absent_counted of a shape in the table");
+    before_shared_insert();
+    Sexp_* n = alloc_sexp();
+    n->set_count_word(count & 0x7FFFFFFFu);  // a cons (is_symbol 0) of count `count`
+    n->car = a;
+    n->cdr = d;
+    try {
+      shared_table.insert_absent(h, n);
+    } catch (...) {
+      n->set_count_word(1u);
+      throw;
+    }
+    return n;
+  }
+  // Whether the table holds a cons of `a` (id `a_id`) and `d` (id `d_id`), both nodes of
+  // this manager, whose shape hashes to `h`: shared_cons's look-up without its reserve_node
+  // (so it changes nothing and cannot fail), reading neither child.
+  bool has_shared_cons_of_own(const Sexp_* a, const Sexp_* d, std::uint32_t a_id, std::uint32_t d_id,
+                              std::uint64_t h) {
+    assert(a->mgr == this && d->mgr == this && a->id == a_id && d->id == d_id);
+    if (child_ids_are_identities)
+      return shared_table.find_item(h, [a, d](const Sexp_* n) {
+        const bool same = n->is_symbol == 0 && n->car == a && n->cdr == d;
+        assert(same == detail::Shape::is_cons_of(n, a, d) && "children by address disagree with ids");
+        return same;
+      }) != nullptr;
+    return shared_table.find_item(h, [a_id, d_id](const Sexp_* n) {
+      return n->is_symbol == 0 && n->car->id == a_id && n->cdr->id == d_id;
+    }) != nullptr;
+  }
   Sexp_* shared_symbol(unsigned long value) {
     reserve_node();
     Sexp_** found = shared_table.find_item(

@@ -18,7 +18,10 @@ namespace vorn::detail {
 struct Shape {
   static std::uint64_t symbol_hash(std::uint64_t value) noexcept { return value; }
   static std::uint64_t cons_hash(const Sexp_* car, const Sexp_* cdr) noexcept {
-    return (static_cast<std::uint64_t>(car->id) << 24) + cdr->id;
+    return cons_hash(car->id, cdr->id);
+  }
+  static std::uint64_t cons_hash(std::uint32_t car_id, std::uint32_t cdr_id) noexcept {
+    return (static_cast<std::uint64_t>(car_id) << 24) + cdr_id;
   }
   static std::uint64_t hash(const Sexp_* n) noexcept {
     return n->is_symbol != 0 ? symbol_hash(n->value) : cons_hash(n->car, n->cdr);
