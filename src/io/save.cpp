@@ -69,6 +69,40 @@ void append_number(std::string& s, std::uint64_t v) {
   s += static_cast<char>(v);
 }
 
+/// The symbol and offset length of a distance back from one cons, as distance_class() and
+/// offset_bits() give them, with what depends only on the cons worked out once for both
+/// its references. A class [2^(L-1), 2^L - 1] is cut at the conses before only when L is
+/// their bit length (the top class): a shorter distance's offset takes L - 1 bits, and only
+/// the top class needs the truncated binary threshold, which is the cons's.
+class DistanceCount {
+ public:
+  explicit DistanceCount(std::uint64_t before) noexcept {
+    const std::uint64_t b = before == 0 ? 1 : before;  // none before: nothing to count
+    top_length_ = bit_length(b);
+    const std::uint64_t n = b - (std::uint64_t{1} << (top_length_ - 1)) + 1;  // values in the top class
+    top_k_ = bit_length(n) - 1;
+    top_u_ = (std::uint64_t{2} << top_k_) - n;
+  }
+
+  /// For a distance d, 1 <= d <= before.
+  unsigned symbol(std::uint64_t d) const noexcept {
+    const unsigned length = length_of(d);
+    return length <= near_lengths ? atom_symbols + length - 1
+                                  : atom_symbols + near_lengths + top_length_ - length;
+  }
+  unsigned offset_bits(std::uint64_t d) const noexcept {
+    const unsigned length = length_of(d);
+    const std::uint64_t x = d - (std::uint64_t{1} << (length - 1));
+    return length != top_length_ ? length - 1 : top_k_ + (x >= top_u_ ? 1 : 0);
+  }
+
+ private:
+  static unsigned length_of(std::uint64_t d) noexcept { return 64 - static_cast<unsigned>(__builtin_clzll(d)); }
+
+  unsigned top_length_, top_k_;  // the bit length of the conses before; k of the top class
+  std::uint64_t top_u_;          // 2^(k+1) - n of the top class
+};
+
 enum Context : unsigned { car_refs, cdr_refs, root_refs };
 constexpr unsigned alphabet[3] = {child_symbols, child_symbols, root_symbols};
 
@@ -131,15 +165,15 @@ class Encoder {
     const std::uint64_t conses = l_.conses();
     const std::uint32_t* refs = l_.refs.data();
     for (std::uint64_t i = 0; i < conses; ++i) {
+      const DistanceCount distance(i);
       for (const Context c : {car_refs, cdr_refs}) {
         const std::uint32_t r = refs[2 * i + c];
         if ((r & Listing::atom_tag) != 0) {
           ++uses[c][r ^ Listing::atom_tag];
         } else {
-          const Class k = distance_class(i - r, i);
-          ++lane_freq[lane][c][k.symbol];
+          ++lane_freq[lane][c][distance.symbol(i - r)];
           lane = (lane + 1) & 3;
-          bits += offset_bits(k.hi - k.lo + 1, i - r - k.lo);
+          bits += distance.offset_bits(i - r);
         }
       }
     }
