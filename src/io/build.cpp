@@ -60,10 +60,7 @@ std::size_t Builder::conses_all_new(const std::uint32_t* refs, std::size_t n) {
   std::size_t k = 0;
   try {
     for (; k < n; ++k) {
-      if (k + 4 * step < n) {
-        __builtin_prefetch(nodes_.data() + index(refs[2 * (k + 4 * step)]));
-        __builtin_prefetch(nodes_.data() + index(refs[2 * (k + 4 * step) + 1]));
-      }
+      prefetch_entries(refs, k + 4 * step, n);
       for (int stage = 0; stage < 3; ++stage) {
         const std::size_t j = k + (3 - stage) * step;
         if (j >= n || (stage > 0 && look_up[j] == 0)) continue;
@@ -109,10 +106,7 @@ void Builder::settle(const std::uint32_t* refs, std::size_t from, std::size_t n,
 void Builder::conses_looked_up(const std::uint32_t* refs, std::size_t k, std::size_t n) {
   constexpr std::size_t step = 4;
   for (; k < n; ++k) {
-    if (k + 4 * step < n) {
-      __builtin_prefetch(nodes_.data() + index(refs[2 * (k + 4 * step)]));
-      __builtin_prefetch(nodes_.data() + index(refs[2 * (k + 4 * step) + 1]));
-    }
+    prefetch_entries(refs, k + 4 * step, n);
     for (int stage = 0; stage < 3; ++stage) {
       const std::size_t j = k + (3 - stage) * step;
       if (j >= n) continue;
