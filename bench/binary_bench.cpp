@@ -269,7 +269,9 @@ void BM_CorpusLoadBinary(benchmark::State& state) {
   corpus_counters(state, c);
 }
 
-void BM_CorpusWriteText(benchmark::State& state) {
+// Times `write(os, c)` into an in-memory stream, the buffer kept from one iteration to the next.
+template <class Write>
+void CorpusWrite(benchmark::State& state, Write write) {
   const Corpus& c = corpus();
   if (!c.error.empty()) return state.SkipWithError(c.error.c_str());
   StringBuf buf;
@@ -277,24 +279,20 @@ void BM_CorpusWriteText(benchmark::State& state) {
     buf.bytes.clear();
     std::ostream os(&buf);
     const auto t0 = bench::Clock::now();
-    for (const Sexp& e : c.roots) vorn::write_text(os, e);
+    write(os, c);
     state.SetIterationTime(bench::seconds(t0, bench::Clock::now()));
   }
   corpus_counters(state, c);
 }
 
+void BM_CorpusWriteText(benchmark::State& state) {
+  CorpusWrite(state, [](std::ostream& os, const Corpus& c) {
+    for (const Sexp& e : c.roots) vorn::write_text(os, e);
+  });
+}
+
 void BM_CorpusSaveBinary(benchmark::State& state) {
-  const Corpus& c = corpus();
-  if (!c.error.empty()) return state.SkipWithError(c.error.c_str());
-  StringBuf buf;
-  for (auto _ : state) {
-    buf.bytes.clear();
-    std::ostream os(&buf);
-    const auto t0 = bench::Clock::now();
-    vorn::save(os, c.roots);
-    state.SetIterationTime(bench::seconds(t0, bench::Clock::now()));
-  }
-  corpus_counters(state, c);
+  CorpusWrite(state, [](std::ostream& os, const Corpus& c) { vorn::save(os, c.roots); });
 }
 
 BENCHMARK(BM_CorpusParseText)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
