@@ -128,8 +128,9 @@ class BitWriter {
   /// Runs `body(put_bits)`, where put_bits(bits, k) is put(bits, k), with the writer's
   /// state held in locals meanwhile: stores into the byte buffer may alias any member, so
   /// put() on members would go through memory each time, one put waiting on the last.
+  /// Always inlined, so that a loop in `body` is compiled for its caller's processor.
   template <class Body>
-  void batch(Body body) {
+  __attribute__((always_inline)) void batch(Body body) {
     std::uint64_t acc = acc_;
     unsigned used = used_;
     std::size_t at = at_;

@@ -41,12 +41,19 @@ struct Listing {
 /// std::length_error past 2^31 - 1 atoms or conses, std::bad_alloc.
 Listing list_nodes(const Sexp* roots, std::size_t n);
 
-/// The number of set bits of `x`.
+/// The number of set bits of `x`: one instruction where the function it is inlined into
+/// may use it, a few shifts and adds elsewhere. (GCC turns this form into the instruction
+/// where it can, but calls a table-driven library routine for its builtin where it cannot;
+/// Clang does the opposite.)
 inline unsigned popcount(std::uint64_t x) noexcept {
+#if defined(__clang__)
+  return static_cast<unsigned>(__builtin_popcountll(x));
+#else
   x -= (x >> 1) & 0x5555555555555555ull;
   x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
   x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
   return static_cast<unsigned>((x * 0x0101010101010101ull) >> 56);
+#endif
 }
 
 /// The message of the std::invalid_argument thrown for a cycle.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "io_access.hpp"
+#include "../support/cpu_clones.hpp"
 
 namespace vorn::detail {
 
@@ -280,7 +281,8 @@ std::size_t slot_listing_threshold(const SexpManager& m) noexcept {
   return std::max<std::size_t>(4096, static_cast<std::size_t>(IoAccess::node_pool(m).slots_taken() / 256));
 }
 
-bool list_by_slot(const SexpManager& m, const Sexp* roots, std::size_t n, Listing& out) {
+// The sweep and the ranks are counts, shifts and bit scans on every node.
+VORN_CPU_CLONES bool list_by_slot(const SexpManager& m, const Sexp* roots, std::size_t n, Listing& out) {
   SlotNumbers numbers;
   if (!numbers.build(IoAccess::node_pool(m))) return false;
   return SlotListing(numbers, out).run(roots, n);

@@ -10,6 +10,7 @@
 #include "checksum.hpp"
 #include "format.hpp"
 #include "listing.hpp"
+#include "../support/cpu_clones.hpp"
 #include "vorn/io/binary.hpp"
 
 namespace vorn {
@@ -136,15 +137,7 @@ class Encoder {
         w.put(length == 0 ? 0 : 1 | length << 1, length == 0 ? 1 : 1 + length_bits);
       }
     }
-    w.batch([this](auto& put_bits) {
-      each_reference([&](Context c, const Class& k, std::uint64_t v) {
-        // A symbol's code (11 bits at most), then its offset (31 at most), in one put.
-        const unsigned length = code_[c].length(k.symbol);
-        unsigned count;
-        const std::uint64_t offset = BitWriter<Sink>::offset_code(k.hi - k.lo + 1, v - k.lo, count);
-        put_bits(code_[c].bits(k.symbol) | offset << length, length + count);
-      });
-    });
+    put_references(w);
     w.finish();
     sink.finish();
   }
@@ -152,9 +145,22 @@ class Encoder {
  private:
   bool used(Context c) const noexcept { return c == root_refs ? !l_.roots.empty() : l_.conses() != 0; }
 
+  // Each reference's code: a symbol's code (11 bits at most), then its offset (31 at
+  // most), in one put. (This loop and the counting's are bit lengths, shifts and masks.)
+  VORN_CPU_CLONES void put_references(BitWriter<Sink>& w) const {
+    w.batch([this](auto& put_bits) {
+      each_reference([&](Context c, const Class& k, std::uint64_t v) {
+        const unsigned length = code_[c].length(k.symbol);
+        unsigned count;
+        const std::uint64_t offset = BitWriter<Sink>::offset_code(k.hi - k.lo + 1, v - k.lo, count);
+        put_bits(code_[c].bits(k.symbol) | offset << length, length + count);
+      });
+    });
+  }
+
   // Each atom's uses in each context; for cons references, each symbol's count and the
   // bits of their offsets.
-  void count_references() {
+  VORN_CPU_CLONES void count_references() {
     for (auto& u : uses_) u.assign(l_.atoms.size(), 0);
     // Symbols are counted in four lanes in turn: one symbol often follows itself, and each
     // count would otherwise wait for the one before to be stored.
