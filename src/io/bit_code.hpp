@@ -135,7 +135,7 @@ class BitWriter {
     unsigned used = used_;
     std::size_t at = at_;
     unsigned char* const buf = buf_.data();
-    auto put_bits = [&](std::uint64_t bits, unsigned k) {
+    auto put_bits = [&](std::uint64_t bits, unsigned k) __attribute__((always_inline)) {
       acc |= bits << used;
       used += k;
       store_le64(buf + at, acc);

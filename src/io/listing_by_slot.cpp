@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "io_access.hpp"
-#include "../support/cpu_clones.hpp"
+#include "../support/bit_instructions.hpp"
 
 namespace vorn::detail {
 
@@ -20,9 +20,11 @@ static_assert(slot_size == 32, "slot numbers are address offsets over 32");
 
 /// The slots of one pool, numbered from 0 in pool order (chunks oldest first, each in
 /// address order), and the way back from a node's address to its number without reading
-/// the node: the address's bucket (a stretch of memory no longer than the shortest chunk,
-/// so it meets at most two chunks) names the first chunk that ends past the bucket's start,
-/// and one comparison tells whether the address is in that chunk or the next.
+/// the node. Memory from the lowest chunk to the end of the highest is cut into buckets no
+/// longer than the shortest chunk (and at most 32 KiB), so a bucket meets at most two
+/// chunks; its one 16-byte entry says where in the bucket the slots of each begin and end,
+/// and the number of the first. A look-up is one read of a table of a few bytes per
+/// thousand slots, which the caches keep.
 class SlotNumbers {
  public:
   /// False when the chunks lie too far apart for a bucket table of modest size, or there
@@ -41,23 +43,34 @@ class SlotNumbers {
       slots = pool.next_chunk_slots(slots);
     }
     slots_ = number;
-    by_address_ = in_order_;
-    if (!std::is_sorted(by_address_.begin(), by_address_.end(), by_base))
-      std::sort(by_address_.begin(), by_address_.end(), by_base);
-    lo_ = by_address_.front().base;
-    span_ = by_address_.back().end - lo_;
+    std::vector<Chunk> by_address = in_order_;
+    if (!std::is_sorted(by_address.begin(), by_address.end(), by_base))
+      std::sort(by_address.begin(), by_address.end(), by_base);
+    lo_ = by_address.front().base;
+    span_ = by_address.back().end - lo_;
     shift_ = 0;
-    while ((std::uint64_t{2} << shift_) <= shortest * slot_size) ++shift_;
+    while (shift_ < max_shift && (std::uint64_t{2} << shift_) <= shortest * slot_size) ++shift_;
     const std::uint64_t buckets = ((span_ - 1) >> shift_) + 1;
-    if (buckets > 4 * by_address_.size() + 1024) return false;
-    const auto none = std::numeric_limits<std::uintptr_t>::max();
-    by_address_.push_back({none, none, 0});  // past every address: no chunk
+    if (buckets > 4 * by_address.size() + slots_ / 64 + 1024) return false;
     bucket_.resize(static_cast<std::size_t>(buckets));
-    std::uint32_t c = 0;
+    const std::uintptr_t width = std::uintptr_t{1} << shift_;
+    std::size_t c = 0;  // the first chunk by address that ends past the bucket's start
     for (std::size_t b = 0; b < bucket_.size(); ++b) {
-      const std::uintptr_t start = lo_ + (static_cast<std::uintptr_t>(b) << shift_);
-      while (by_address_[c].end <= start) ++c;
-      bucket_[b] = c;
+      const std::uintptr_t start = lo_ + (static_cast<std::uintptr_t>(b) << shift_), end = start + width;
+      while (c < by_address.size() && by_address[c].end <= start) ++c;
+      Bucket& e = bucket_[b];
+      unsigned met = 0;
+      for (std::size_t k = c; k < by_address.size() && k < c + 2; ++k) {
+        const Chunk& chunk = by_address[k];
+        // The chunk's first slot at or after the bucket's start.
+        const std::uintptr_t first = chunk.base >= start ? chunk.base : chunk.base + (start - chunk.base + slot_size - 1) / slot_size * slot_size;
+        if (first >= end || first >= chunk.end) continue;
+        e.start[met] = static_cast<std::uint16_t>(first - start);
+        e.end[met] = static_cast<std::uint16_t>(std::min(chunk.end, end) - start);
+        e.first[met] = chunk.first + static_cast<std::uint32_t>((first - chunk.base) / slot_size);
+        ++met;
+      }
+      assert((met < 2 || c + 2 >= by_address.size() || by_address[c + 2].base >= end) && "a bucket meets at most two chunks");
     }
     return true;
   }
@@ -72,25 +85,35 @@ class SlotNumbers {
 
   /// The number of the slot at `p`; when `p` is no slot of the pool, 0 and `bad` set.
   /// No branch depends on the address.
-  std::uint32_t of(const void* p, bool& bad) const noexcept {
-    const auto a = reinterpret_cast<std::uintptr_t>(p);
-    const std::uintptr_t off = a - lo_;  // wraps for an address below lo_
+  VORN_INLINE_INTO_CALLER std::uint32_t of(const void* p, bool& bad) const noexcept {
+    const std::uintptr_t off = reinterpret_cast<std::uintptr_t>(p) - lo_;  // wraps below lo_
     const bool inside = off < span_;
-    std::uint32_t c = bucket_[inside ? off >> shift_ : 0];
-    c += a >= by_address_[c].end ? 1 : 0;
-    const Chunk& k = by_address_[c];
-    const std::uintptr_t at = a - k.base;
-    const bool ok = inside & (a >= k.base) & (a < k.end) & ((at & (slot_size - 1)) == 0);
+    const Bucket& e = bucket_[inside ? off >> shift_ : 0];
+    const auto o = static_cast<std::uint32_t>(off & ((std::uintptr_t{1} << shift_) - 1));
+    const unsigned i = o >= e.start[1] ? 1 : 0;
+    const std::uint32_t at = o - e.start[i];  // wraps below the chunk's first slot
+    const bool ok = inside & (at < static_cast<std::uint32_t>(e.end[i] - e.start[i])) & ((at & (slot_size - 1)) == 0);
     bad |= !ok;
-    return ok ? k.first + static_cast<std::uint32_t>(at / slot_size) : 0;
+    return ok ? e.first[i] + at / slot_size : 0;
   }
 
  private:
+  static constexpr unsigned max_shift = 15;  // buckets of at most 32 KiB: offsets fit 16 bits
   static bool by_base(const Chunk& a, const Chunk& b) noexcept { return a.base < b.base; }
 
-  std::vector<Chunk> in_order_;    // pool order
-  std::vector<Chunk> by_address_;  // address order, then one chunk past every address
-  std::vector<std::uint32_t> bucket_;  // by (address - lo_) >> shift_: see the class comment
+  /// The chunks a bucket meets, in address order: the offsets in the bucket of the first
+  /// slot of each and of the end of its slots, and the number of that first slot. A chunk
+  /// not met has both offsets at `none`, past any offset in a bucket.
+  struct Bucket {
+    static constexpr std::uint16_t none = 0xFFFF;
+    std::uint16_t start[2] = {none, none};
+    std::uint16_t end[2] = {none, none};
+    std::uint32_t first[2] = {0, 0};
+  };
+  static_assert(sizeof(Bucket) == 16, "a bucket is read in one piece");
+
+  std::vector<Chunk> in_order_;  // pool order
+  std::vector<Bucket> bucket_;   // by (address - lo_) >> shift_
   std::uintptr_t lo_ = 0, span_ = 0;
   unsigned shift_ = 0;
   std::uint64_t slots_ = 0;
@@ -119,7 +142,7 @@ class SlotBits {
       count += popcount(bits_[w]);
     }
   }
-  std::uint32_t rank(std::uint32_t s) const noexcept {
+  VORN_INLINE_INTO_CALLER std::uint32_t rank(std::uint32_t s) const noexcept {
     return before_[s >> 6] + popcount(bits_[s >> 6] & (bit(s) - 1));
   }
   void prefetch_rank(std::uint32_t s) const noexcept {
@@ -149,7 +172,7 @@ class SlotListing {
   SlotListing(const SlotNumbers& numbers, Listing& out)
       : numbers_(numbers), out_(out), reached_(numbers.slots()), atoms_(numbers.slots()) {}
 
-  bool run(const Sexp* roots, std::size_t n) {
+  VORN_INLINE_INTO_CALLER bool run(const Sexp* roots, std::size_t n) {
     std::vector<std::uint32_t> root_slots(n);
     bool bad = false;
     for (std::size_t i = 0; i < n; ++i) {
@@ -176,7 +199,7 @@ class SlotListing {
 
   // The reached slots of chunk `c`, last first. A queued mark is always below the cons
   // that made it, so none is left in the chunk once its first slot is done.
-  bool sweep(const SlotNumbers::Chunk& c) {
+  VORN_INLINE_INTO_CALLER bool sweep(const SlotNumbers::Chunk& c) {
     const std::uint64_t first = c.first;
     for (std::uint64_t top = first + (c.end - c.base) / slot_size;;) {  // slots below top are left
       std::uint64_t s;
@@ -206,7 +229,7 @@ class SlotListing {
   }
 
   // The highest marked slot in [first, s], in `next`; false if none.
-  bool next_reached(std::uint64_t s, std::uint64_t first, std::uint64_t& next) const noexcept {
+  VORN_INLINE_INTO_CALLER bool next_reached(std::uint64_t s, std::uint64_t first, std::uint64_t& next) const noexcept {
     for (;;) {
       const std::uint64_t word = s & ~std::uint64_t{63};
       const std::uint64_t bits = reached_.bits_to(static_cast<std::size_t>(s >> 6), static_cast<unsigned>(s & 63));
@@ -219,7 +242,7 @@ class SlotListing {
     }
   }
 
-  void queue(std::uint32_t mark) noexcept {
+  VORN_INLINE_INTO_CALLER void queue(std::uint32_t mark) noexcept {
     reached_.prefetch(mark);
     highest_queued_ = queued_ == 0 ? mark : std::max(highest_queued_, mark);
     std::uint32_t& place = queue_[tail_++ % queue_size];
@@ -239,7 +262,7 @@ class SlotListing {
 
   // Conses and atoms were met last first: both are turned round, and each slot number
   // becomes a reference.
-  void number() {
+  VORN_INLINE_INTO_CALLER void number() {
     constexpr std::size_t ahead = 8;  // pairs between asking for a rank's lines and using them
     reached_.index();
     atoms_.index();
@@ -262,7 +285,7 @@ class SlotListing {
 
   // The reference of reached slot `s`: a cons's position or an atom's index, the rank of
   // its slot among the conses' or the atoms'.
-  std::uint32_t reference(std::uint32_t s) const noexcept {
+  VORN_INLINE_INTO_CALLER std::uint32_t reference(std::uint32_t s) const noexcept {
     return reached_.test(s) ? reached_.rank(s) : atom_tag | atoms_.rank(s);
   }
 
@@ -281,11 +304,21 @@ std::size_t slot_listing_threshold(const SexpManager& m) noexcept {
   return std::max<std::size_t>(4096, static_cast<std::size_t>(IoAccess::node_pool(m).slots_taken() / 256));
 }
 
+namespace {
+
 // The sweep and the ranks are counts, shifts and bit scans on every node.
-VORN_CPU_CLONES bool list_by_slot(const SexpManager& m, const Sexp* roots, std::size_t n, Listing& out) {
+VORN_WITH_BIT_INSTRUCTIONS bool list_with_bit_instructions(const SlotNumbers& numbers, const Sexp* roots,
+                                                           std::size_t n, Listing& out) {
+  return SlotListing(numbers, out).run(roots, n);
+}
+
+}  // namespace
+
+bool list_by_slot(const SexpManager& m, const Sexp* roots, std::size_t n, Listing& out) {
   SlotNumbers numbers;
   if (!numbers.build(IoAccess::node_pool(m))) return false;
-  return SlotListing(numbers, out).run(roots, n);
+  return has_bit_instructions() ? list_with_bit_instructions(numbers, roots, n, out)
+                                : SlotListing(numbers, out).run(roots, n);
 }
 
 }  // namespace vorn::detail

@@ -10,7 +10,7 @@
 #include "checksum.hpp"
 #include "format.hpp"
 #include "listing.hpp"
-#include "../support/cpu_clones.hpp"
+#include "../support/bit_instructions.hpp"
 #include "vorn/io/binary.hpp"
 
 namespace vorn {
@@ -116,7 +116,9 @@ class Encoder {
   explicit Encoder(const Listing& l) : l_(l) {}
 
   void write(std::ostream& out) {
-    count_references();
+    for (auto& u : uses_) u.assign(l_.atoms.size(), 0);
+    if (detail::has_bit_instructions()) count_references_with_bit_instructions();
+    else count_references();
     rank_atoms();
     const std::string atoms = atom_section();
     const std::uint64_t bits = fit_codes();
@@ -137,7 +139,8 @@ class Encoder {
         w.put(length == 0 ? 0 : 1 | length << 1, length == 0 ? 1 : 1 + length_bits);
       }
     }
-    put_references(w);
+    if (detail::has_bit_instructions()) put_references_with_bit_instructions(w);
+    else put_references(w);
     w.finish();
     sink.finish();
   }
@@ -146,10 +149,11 @@ class Encoder {
   bool used(Context c) const noexcept { return c == root_refs ? !l_.roots.empty() : l_.conses() != 0; }
 
   // Each reference's code: a symbol's code (11 bits at most), then its offset (31 at
-  // most), in one put. (This loop and the counting's are bit lengths, shifts and masks.)
-  VORN_CPU_CLONES void put_references(BitWriter<Sink>& w) const {
-    w.batch([this](auto& put_bits) {
-      each_reference([&](Context c, const Class& k, std::uint64_t v) {
+  // most), in one put. This loop and the counting's are bit lengths, shifts and masks.
+  VORN_WITH_BIT_INSTRUCTIONS void put_references_with_bit_instructions(BitWriter<Sink>& w) const { put_references(w); }
+  VORN_INLINE_INTO_CALLER void put_references(BitWriter<Sink>& w) const {
+    w.batch([this](auto& put_bits) VORN_INLINE_LAMBDA {
+      each_reference([&](Context c, const Class& k, std::uint64_t v) VORN_INLINE_LAMBDA {
         const unsigned length = code_[c].length(k.symbol);
         unsigned count;
         const std::uint64_t offset = BitWriter<Sink>::offset_code(k.hi - k.lo + 1, v - k.lo, count);
@@ -159,9 +163,9 @@ class Encoder {
   }
 
   // Each atom's uses in each context; for cons references, each symbol's count and the
-  // bits of their offsets.
-  VORN_CPU_CLONES void count_references() {
-    for (auto& u : uses_) u.assign(l_.atoms.size(), 0);
+  // bits of their offsets. The uses are counted into zeros.
+  VORN_WITH_BIT_INSTRUCTIONS void count_references_with_bit_instructions() { count_references(); }
+  VORN_INLINE_INTO_CALLER void count_references() {
     // Symbols are counted in four lanes in turn: one symbol often follows itself, and each
     // count would otherwise wait for the one before to be stored.
     std::uint64_t lane_freq[4][2][PrefixCode::max_symbols] = {};
@@ -257,7 +261,7 @@ class Encoder {
   // For every root in order: atom(index) for an atom, cons(class, value) for a cons, coded
   // by where it stands from the last cons root before it.
   template <class Atom, class Cons>
-  void each_root(Atom atom, Cons cons) const {
+  VORN_INLINE_INTO_CALLER void each_root(Atom atom, Cons cons) const {
     const auto conses = static_cast<std::int64_t>(l_.conses());
     std::int64_t previous = -1;  // the last cons root
     for (const std::uint32_t r : l_.roots) {
@@ -277,7 +281,7 @@ class Encoder {
 
   // Calls visit(context, class, value) for every reference in the order they are written.
   template <class Visit>
-  void each_reference(Visit visit) const {
+  VORN_INLINE_INTO_CALLER void each_reference(Visit visit) const {
     const std::uint64_t atoms = l_.atoms.size(), conses = l_.conses();
     const std::uint32_t* refs = l_.refs.data();
     for (std::uint64_t i = 0; i < conses; ++i) {
