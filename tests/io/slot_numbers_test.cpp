@@ -1,0 +1,52 @@
+#include "io/slot_numbers.hpp"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace vorn::detail {
+namespace {
+
+// A pool's chunks lie a few bytes apart in memory, so most buckets of the look-up meet two
+// of them: every slot must still map to its own number, and a byte inside a slot, the end
+// of a chunk or an address outside the pool to none.
+TEST(SlotNumbers, EverySlotToItsNumberAndNothingElseToAny) {
+  struct Shape {
+    std::uint64_t first_chunk_slots;
+    float growth;
+  };
+  for (const Shape shape : {Shape{1024, 1.0f}, Shape{100, 1.0f}, Shape{64, 1.5f}}) {
+    SCOPED_TRACE(shape.first_chunk_slots);
+    MemoryPool<32, false> pool(shape.first_chunk_slots, shape.growth, 0);
+    for (int i = 0; i < 5000; ++i) pool.allocate();
+    SlotNumbers numbers;
+    ASSERT_TRUE(numbers.build(pool));
+    ASSERT_EQ(numbers.slots(), pool.slots_taken());
+
+    std::vector<const char*> newest_first;
+    pool.for_each_chunk([&](const void* first) { newest_first.push_back(static_cast<const char*>(first)); });
+    std::uint64_t number = 0, slots = pool.first_chunk_slots();
+    for (auto chunk = newest_first.rbegin(); chunk != newest_first.rend(); ++chunk) {
+      for (std::uint64_t k = 0; k < slots; ++k, ++number) {
+        bool bad = false;
+        ASSERT_EQ(numbers.of(*chunk + 32 * k, bad), number);
+        ASSERT_FALSE(bad);
+        numbers.of(*chunk + 32 * k + 16, bad);
+        ASSERT_TRUE(bad) << "inside slot " << number;
+      }
+      bool bad = false;
+      numbers.of(*chunk + 32 * slots, bad);
+      EXPECT_TRUE(bad) << "the end of a chunk";
+      slots = pool.next_chunk_slots(slots);
+    }
+    const int local = 0;
+    for (const void* outside : {static_cast<const void*>(&local), static_cast<const void*>(nullptr)}) {
+      bool bad = false;
+      numbers.of(outside, bad);
+      EXPECT_TRUE(bad);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace vorn::detail
