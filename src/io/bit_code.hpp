@@ -63,13 +63,17 @@ inline Class atom_class(std::uint64_t v, std::uint64_t atoms) noexcept {
   return class_of(length - 1, length, atoms);
 }
 
+/// The child symbol of a distance of bit length `length` back from a cons whose conses
+/// before it have bit length `before_length`.
+inline unsigned distance_symbol(unsigned length, unsigned before_length) noexcept {
+  return length <= near_lengths ? atom_symbols + length - 1
+                                : atom_symbols + near_lengths + before_length - length;
+}
+
 /// The class of distance d back from the cons with `before` conses before it.
 inline Class distance_class(std::uint64_t d, std::uint64_t before) noexcept {
   const unsigned length = bit_length(d);
-  const unsigned symbol = length <= near_lengths
-                              ? atom_symbols + length - 1
-                              : atom_symbols + near_lengths + bit_length(before) - length;
-  return class_of(symbol, length, before);
+  return class_of(distance_symbol(length, bit_length(before)), length, before);
 }
 
 /// The class of child symbol `symbol` for a cons with `before` conses before it, among

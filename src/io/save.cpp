@@ -86,11 +86,7 @@ class DistanceCount {
   }
 
   /// For a distance d, 1 <= d <= before.
-  unsigned symbol(std::uint64_t d) const noexcept {
-    const unsigned length = length_of(d);
-    return length <= near_lengths ? atom_symbols + length - 1
-                                  : atom_symbols + near_lengths + top_length_ - length;
-  }
+  unsigned symbol(std::uint64_t d) const noexcept { return distance_symbol(length_of(d), top_length_); }
   unsigned offset_bits(std::uint64_t d) const noexcept {
     const unsigned length = length_of(d);
     const std::uint64_t x = d - (std::uint64_t{1} << (length - 1));
